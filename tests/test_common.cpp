@@ -1,0 +1,11 @@
+#include <gtest/gtest.h>
+
+#include "common.h"
+
+TEST(BinoString, NamesEachCameraPairAndNothingElse)
+{
+    EXPECT_EQ(Common::binoString(Common::FRONT), "front");
+    EXPECT_EQ(Common::binoString(Common::DOWN), "down");
+    EXPECT_EQ(Common::binoString(static_cast<Common::Direction>(2)), "");
+    EXPECT_EQ(Common::binoString(static_cast<Common::Direction>(-1)), "");
+}
