@@ -1,0 +1,47 @@
+#pragma once
+// Synthetic rectified stereo pairs with known depth, for the camera simulator
+// and for accuracy tests of the disparity and distance code.
+//
+// A scene is a far textured background plane and, optionally, one
+// fronto-parallel textured obstacle plane in front of it. Each plane carries
+// its own continuous, band-limited texture, defined in left-image pixel
+// coordinates and evaluated at the exact (sub-pixel) position every pixel
+// sees, so a left pixel at x on a plane at depth Z appears in the right image
+// at x - disparityPx(Z) with no rounding anywhere.
+
+#include <cstdint>
+
+#include <opencv2/core.hpp>
+
+namespace scene {
+
+/// A rectified pair of identical cameras.
+struct Rig {
+    double focalPx = 400.0;     ///< focal length of both rectified cameras, pixels
+    double baselineMm = 100.0;  ///< baseline, mm
+    cv::Size size{480, 640};    ///< rotated (matcher's) image size: width 480, height 640
+};
+
+struct SceneSpec {
+    double backgroundM = 40.0;  ///< distance of the far textured background plane, m
+    double obstacleM = 5.0;     ///< distance of the fronto-parallel obstacle plane, m; <= 0: no obstacle
+    cv::Rect obstacleRect;      ///< obstacle extent in the LEFT rotated image, pixels; empty: centred, half width and half height
+    uint32_t seed = 1;          ///< texture seed
+};
+
+/// f * B / Z with B in metres: the disparity of a plane at distanceM, pixels.
+double disparityPx(const Rig& rig, double distanceM);
+
+/// Renders a rectified pair in the rotated (matcher's) frame as CV_8UC1 images
+/// of rig.size. Pixel values stay within 25..235 (mid-grey, never clipped by
+/// the reader's 240 limit). The same rig, spec and seed always give the same
+/// images. The obstacle hides the background in both views; background
+/// uncovered in one view only (occlusion) is rendered from the background's
+/// texture, as a real camera would see it.
+void renderPair(const Rig& rig, const SceneSpec& spec, cv::Mat& left, cv::Mat& right);
+
+/// The obstacle rectangle renderPair uses for spec (the centred default when
+/// spec.obstacleRect is empty), clipped to the image.
+cv::Rect obstacleExtent(const Rig& rig, const SceneSpec& spec);
+
+}  // namespace scene
