@@ -1,0 +1,209 @@
+#include "stereomatcher.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <limits>
+#include <new>
+
+#include "binolog.h"
+#include "dpu.h"
+
+std::atomic<bool> StereoMatcher::first{true};
+
+namespace {
+
+// The dump always holds 640 x 480 words, whatever the configured size.
+constexpr size_t kDumpWords = 307200;
+constexpr const char* kDumpFile = "test.yuv";
+
+constexpr uint16_t kInvalidFlag = 0x8000;
+constexpr uint16_t kMagnitudeMask = 0x7FFF;
+// Every word the unit did not produce for this frame is marked invalid.
+constexpr uint16_t kInvalidWord = 0xFFFF;
+
+constexpr int kRoiMargin = 80;            // px left and right of the BM band
+constexpr float kSteepPitch = 16.333334f;  // beyond this the band moves furthest
+constexpr int kBmFractionScale = 16;       // StereoBM's disparity unit is 1/16 px
+
+size_t checkedPixelCount(cv::Size size)
+{
+    const long long pixels = static_cast<long long>(size.width) * size.height;
+    if (size.width < 0 || size.height < 0 ||
+        static_cast<unsigned long long>(pixels) > std::numeric_limits<size_t>::max() / sizeof(float)) {
+        throw std::bad_array_new_length();
+    }
+    return static_cast<size_t>(pixels);
+}
+
+// The unit reads width * height packed bytes from each image.
+bool fitsUnit(const cv::Mat& image, cv::Size size)
+{
+    return image.type() == CV_8UC1 && image.isContinuous() && image.size() == size;
+}
+
+float decodeWord(uint16_t word)
+{
+    const uint16_t magnitude = word & kMagnitudeMask;
+    if ((word & kInvalidFlag) == 0) {
+        return static_cast<float>(magnitude) * 0.015625f;  // exact: 15-bit magnitude, 1/64 px
+    }
+    // A negated zero is not below zero, so a bare flag decodes to -0.0.
+    return magnitude == 0 ? -0.0f : -1.0f;
+}
+
+}  // namespace
+
+StereoMatcher::StereoMatcher(Common::Direction direction_, Matcher matcher_, cv::Size size_)
+    : name("[BINOLIB] [" + Common::binoString(direction_) + "]"),
+      direction(direction_),
+      matcher(matcher_),
+      size(size_)
+{
+    BINO_DEBUG("%s StereoMatcher matcher: %d", name.c_str(), static_cast<int>(matcher));
+    init();
+}
+
+void StereoMatcher::init()
+{
+    initMatcher();
+}
+
+void StereoMatcher::initMatcher()
+{
+    switch (matcher) {
+        case BM:
+            initBM();
+            break;
+        case DPU:
+            initDPU();
+            break;
+        case NPU:
+            initNPU();
+            break;
+    }
+}
+
+void StereoMatcher::initBM()
+{
+    // The block size given to create() is replaced by the setting below.
+    bm = cv::StereoBM::create(0, 21);
+    bm->setMinDisparity(0);
+    bm->setNumDisparities(48);
+    bm->setBlockSize(65);
+    bm->setSpeckleWindowSize(100);
+    bm->setSpeckleRange(32);
+    bm->setDisp12MaxDiff(1);
+    bm->setPreFilterType(cv::StereoBM::PREFILTER_XSOBEL);
+    bm->setPreFilterSize(17);
+    bm->setPreFilterCap(63);
+    bm->setTextureThreshold(5000);
+    bm->setUniquenessRatio(20);
+    bm->setSmallerBlockSize(0);
+}
+
+void StereoMatcher::initDPU()
+{
+    const size_t pixels = checkedPixelCount(size);
+    // Value-initialised, so words past the image that the dump reads are 0.
+    hwDisparity = std::make_unique<uint16_t[]>(std::max(pixels, kDumpWords));
+    disparityBuffer = std::make_unique<float[]>(pixels);
+    const int status = dpu_init(size.width, size.height);
+    if (status != 0) {
+        BINO_ERROR("%s dpu_init(%d, %d) failed: %d", name.c_str(), size.width, size.height, status);
+    }
+}
+
+void StereoMatcher::initNPU() {}
+
+void StereoMatcher::setPitch(float pitch_)
+{
+    pitch = pitch_;
+}
+
+int StereoMatcher::compute(cv::Mat& left, cv::Mat& right, cv::Mat& disparity, ParaType type)
+{
+    getDisparity(left, right, disparity, type);
+    return 0;
+}
+
+void StereoMatcher::getDisparity(cv::Mat& left, cv::Mat& right, cv::Mat& disparity, ParaType type)
+{
+    switch (matcher) {
+        case BM:
+            getDisparityBM(left, right, disparity, type);
+            break;
+        case DPU:
+            getDisparityDPU(left, right, disparity, type);
+            break;
+        case NPU:
+            getDisparityNPU(left, right, disparity, type);
+            break;
+    }
+}
+
+cv::Rect StereoMatcher::decideROI(float pitch_, int rows, int cols)
+{
+    cv::Rect roi(kRoiMargin, 0, cols - 2 * kRoiMargin, 280);
+    // Every comparison is false for NaN, which therefore takes the last band.
+    if (pitch_ > 0) {
+        if (pitch_ >= kSteepPitch) {
+            roi.y = 120;
+        } else {
+            const float t = 98.0f / static_cast<float>(rows / 40);
+            if (t > pitch_) {
+                roi.y = 80;
+            } else {
+                roi.y = 120;
+                roi.height = 240;
+            }
+        }
+    } else {
+        roi.y = pitch_ > -kSteepPitch ? 40 : 0;
+    }
+    return roi;
+}
+
+void StereoMatcher::getDisparityBM(cv::Mat& left, cv::Mat& right, cv::Mat& disparity, ParaType)
+{
+    cv::Mat raw(left.size(), CV_16S, cv::Scalar(0));  // 1/16 px
+    const cv::Rect roi = decideROI(pitch, left.rows, left.cols);
+    cv::Mat rawBand = raw(roi);
+    bm->compute(left(roi), right(roi), rawBand);
+    // Rounds to whole px; StereoBM's invalid -16 becomes -1.
+    raw.convertTo(disparity, CV_16S, 1.0 / kBmFractionScale);
+}
+
+void StereoMatcher::getDisparityDPU(cv::Mat& left, cv::Mat& right, cv::Mat& disparity, ParaType)
+{
+    if (direction == Common::FRONT || direction == Common::DOWN) {
+        if (fitsUnit(left, size) && fitsUnit(right, size)) {
+            if (direction == Common::FRONT) {
+                dpu_compute_grp0(left.data, right.data, hwDisparity.get());
+            } else {
+                dpu_compute_grp1(left.data, right.data, hwDisparity.get());
+            }
+        } else {
+            // The unit would read past these images; report no disparity
+            // rather than the previous frame's.
+            BINO_ERROR("%s images do not match the stereo unit's %dx%d 8-bit size", name.c_str(), size.width,
+                       size.height);
+            std::fill_n(hwDisparity.get(), checkedPixelCount(size), kInvalidWord);
+        }
+        if (direction == Common::FRONT && first.exchange(false)) {
+            if (std::FILE* file = std::fopen(kDumpFile, "wb")) {
+                std::fwrite(hwDisparity.get(), sizeof(uint16_t), kDumpWords, file);
+                std::fclose(file);
+            }
+        }
+    }
+    fixed2float(disparity);
+}
+
+void StereoMatcher::getDisparityNPU(cv::Mat&, cv::Mat&, cv::Mat&, ParaType) {}
+
+void StereoMatcher::fixed2float(cv::Mat& disparity)
+{
+    const size_t pixels = checkedPixelCount(size);
+    std::transform(hwDisparity.get(), hwDisparity.get() + pixels, disparityBuffer.get(), decodeWord);
+    disparity = cv::Mat(size.height, size.width, CV_32F, disparityBuffer.get());
+}
