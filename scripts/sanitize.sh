@@ -1,0 +1,14 @@
+#!/usr/bin/env bash
+# Builds and runs the whole suite under a sanitizer set:
+#   scripts/sanitize.sh address   # AddressSanitizer + UndefinedBehaviorSanitizer
+#   scripts/sanitize.sh thread    # ThreadSanitizer
+set -euo pipefail
+root="$(cd "$(dirname "$0")/.." && pwd)"
+kind="${1:-address}"
+case "$kind" in address|thread) ;; *) echo "usage: $0 address|thread" >&2; exit 2 ;; esac
+export BUILD_DIR="$root/build-$kind"
+export BUILD_TYPE=Debug
+export ASAN_OPTIONS="${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=0}"
+export UBSAN_OPTIONS="${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}"
+export TSAN_OPTIONS="${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1}"
+exec "$root/scripts/test.sh" -DBINOCULAR_SANITIZE="$kind" -DBINOCULAR_BUILD_BENCH=OFF
