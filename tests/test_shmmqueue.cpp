@@ -12,6 +12,7 @@
 
 #include <cstddef>
 #include <cstring>
+#include <ctime>
 #include <memory>
 #include <random>
 #include <stdexcept>
@@ -615,16 +616,34 @@ pid_t forkWriter(CMessageQueue& queue, const Traffic& traffic, uint32_t writer, 
     return pid;
 }
 
-bool allExitedCleanly(const std::vector<pid_t>& pids)
-{
-    bool ok = true;
-    for (pid_t pid : pids) {
-        int status = 0;
-        waitpid(pid, &status, 0);
-        ok = ok && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+// Forked helpers of one test. Whatever happens to the test, none outlives it.
+class Children {
+public:
+    ~Children()
+    {
+        for (pid_t pid : m_pids) {
+            kill(pid, SIGKILL);
+            waitpid(pid, nullptr, 0);
+        }
     }
-    return ok;
-}
+    void add(pid_t pid) { m_pids.push_back(pid); }
+
+    // Waits for every child; true when all of them exited with status 0.
+    bool allExitedCleanly()
+    {
+        bool ok = true;
+        for (pid_t pid : m_pids) {
+            int status = 0;
+            waitpid(pid, &status, 0);
+            ok = ok && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+        }
+        m_pids.clear();
+        return ok;
+    }
+
+private:
+    std::vector<pid_t> m_pids;
+};
 
 }  // namespace
 
@@ -636,8 +655,8 @@ TEST(QueueProcesses, ProducerProcessDeliversEveryMessageOnceInOrderIntact)
     const Traffic traffic(200 * 1024);
     constexpr uint32_t kCount = 20000;
 
-    pid_t writer = forkWriter(*queue, traffic, 0, kCount);
-    ASSERT_GT(writer, 0);
+    Children children;
+    children.add(forkWriter(*queue, traffic, 0, kCount));
     std::vector<unsigned char> out(kBigRing);
     uint32_t received = 0;
     uint32_t bad = 0;
@@ -655,7 +674,7 @@ TEST(QueueProcesses, ProducerProcessDeliversEveryMessageOnceInOrderIntact)
     }
     EXPECT_EQ(bad, 0u);
     EXPECT_EQ(queue->GetMessage(out.data()), -3);
-    EXPECT_TRUE(allExitedCleanly({writer}));
+    EXPECT_TRUE(children.allExitedCleanly());
 }
 
 TEST(QueueProcesses, SeveralWriterProcessesWithTheWriteEndLocked)
@@ -667,9 +686,9 @@ TEST(QueueProcesses, SeveralWriterProcessesWithTheWriteEndLocked)
     constexpr uint32_t kWriters = 3;
     constexpr uint32_t kEach = 3000;
 
-    std::vector<pid_t> writers;
+    Children writers;
     for (uint32_t w = 0; w < kWriters; ++w) {
-        writers.push_back(forkWriter(*queue, traffic, w, kEach));
+        writers.add(forkWriter(*queue, traffic, w, kEach));
     }
     std::vector<uint32_t> next(kWriters, 0);
     std::vector<unsigned char> out(256 * 1024);
@@ -693,7 +712,7 @@ TEST(QueueProcesses, SeveralWriterProcessesWithTheWriteEndLocked)
         ++received;
     }
     EXPECT_EQ(bad, 0u);
-    EXPECT_TRUE(allExitedCleanly(writers));
+    EXPECT_TRUE(writers.allExitedCleanly());
 }
 
 TEST(QueueProcesses, SeveralReadersAndWritersWithBothEndsLocked)
@@ -716,14 +735,18 @@ TEST(QueueProcesses, SeveralReadersAndWritersWithBothEndsLocked)
     ASSERT_NE(mem, MAP_FAILED);
     auto* tally = new (mem) Tally{};
 
-    std::vector<pid_t> children;
+    Children children;
     for (uint32_t r = 0; r < kReaders; ++r) {
         std::fflush(stdout);
         pid_t pid = fork();
         if (pid == 0) {
             std::vector<unsigned char> out(128 * 1024);
             std::vector<int64_t> last(kWriters, -1);
+            const time_t giveUp = time(nullptr) + 120;
             while (__atomic_load_n(&tally->total, __ATOMIC_ACQUIRE) < kWriters * kEach) {
+                if (time(nullptr) > giveUp) {
+                    _exit(11);
+                }
                 int n = queue->GetMessage(out.data());
                 if (n == -3) {
                     sched_yield();
@@ -745,12 +768,12 @@ TEST(QueueProcesses, SeveralReadersAndWritersWithBothEndsLocked)
             }
             _exit(0);
         }
-        children.push_back(pid);
+        children.add(pid);
     }
     for (uint32_t w = 0; w < kWriters; ++w) {
-        children.push_back(forkWriter(*queue, traffic, w, kEach));
+        children.add(forkWriter(*queue, traffic, w, kEach));
     }
-    EXPECT_TRUE(allExitedCleanly(children));
+    EXPECT_TRUE(children.allExitedCleanly());
     EXPECT_EQ(tally->bad, 0u);
     EXPECT_EQ(tally->total, kWriters * kEach);
     uint32_t notOnce = 0;

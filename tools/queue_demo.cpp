@@ -8,6 +8,7 @@
 // frame reader's: 1045312 bytes requested, one reader, one writer.
 
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
@@ -140,6 +141,7 @@ int main(int argc, char** argv)
         return 1;
     }
     if (producer == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGTERM);  // never outlive the consumer
         runProducer(*queue, rate);
     }
 
