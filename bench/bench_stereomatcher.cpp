@@ -1,0 +1,130 @@
+// Disparity costs on a seeded synthetic pair (noise shifted by 8 px), each
+// beside its baseline in the same run:
+//   BlockMatchBand / BlockMatchWholeFrame: what restricting BM to the pitch
+//     band saves (same matcher, same settings);
+//   UnitPair: the stereo unit substitute on one rotated pair;
+//   Fixed2Float / CopyFloats: decoding one frame of unit words against a
+//     plain copy of as many floats.
+// Sizes are rotated (width x height).
+
+#include <benchmark/benchmark.h>
+
+#include <cstring>
+#include <vector>
+
+#include "dpu.h"
+#include "stereomatcher.h"
+
+namespace {
+
+struct SyntheticPair {
+    cv::Mat left;
+    cv::Mat right;
+};
+
+SyntheticPair syntheticPair(cv::Size size)
+{
+    SyntheticPair pair{cv::Mat(size, CV_8UC1), cv::Mat(size, CV_8UC1)};
+    cv::RNG rng(20240501);
+    rng.fill(pair.left, cv::RNG::UNIFORM, 0, 256);
+    rng.fill(pair.right, cv::RNG::UNIFORM, 0, 256);
+    constexpr int kShiftPx = 8;
+    pair.left.colRange(kShiftPx, size.width).copyTo(pair.right.colRange(0, size.width - kShiftPx));
+    return pair;
+}
+
+cv::Size sizeOf(const benchmark::State& state)
+{
+    return cv::Size(static_cast<int>(state.range(0)), static_cast<int>(state.range(1)));
+}
+
+void BlockMatchBand(benchmark::State& state)
+{
+    SyntheticPair pair = syntheticPair(sizeOf(state));
+    StereoMatcher matcher(Common::FRONT, StereoMatcher::BM, pair.left.size());
+    matcher.setPitch(0.0f);
+    cv::Mat disparity;
+    for (auto _ : state) {
+        matcher.compute(pair.left, pair.right, disparity, 0);
+        benchmark::DoNotOptimize(disparity.data);
+    }
+}
+
+void BlockMatchWholeFrame(benchmark::State& state)
+{
+    SyntheticPair pair = syntheticPair(sizeOf(state));
+    StereoMatcher matcher(Common::FRONT, StereoMatcher::BM, pair.left.size());
+    cv::Mat raw;
+    cv::Mat disparity;
+    for (auto _ : state) {
+        matcher.bm->compute(pair.left, pair.right, raw);
+        raw.convertTo(disparity, CV_16S, 1.0 / 16);
+        benchmark::DoNotOptimize(disparity.data);
+    }
+}
+
+void UnitPair(benchmark::State& state)
+{
+    SyntheticPair pair = syntheticPair(sizeOf(state));
+    if (dpu_init(pair.left.cols, pair.left.rows) != DPU_OK) {
+        state.SkipWithError("dpu_init refused the size");
+        return;
+    }
+    std::vector<unsigned short> words(pair.left.total());
+    for (auto _ : state) {
+        dpu_compute_grp1(pair.left.data, pair.right.data, words.data());
+        benchmark::DoNotOptimize(words.data());
+    }
+}
+
+// Unit words as a frame holds them: mostly valid disparities, one in eight
+// flagged invalid.
+void fillWords(uint16_t* words, size_t count)
+{
+    cv::RNG rng(7);
+    for (size_t i = 0; i < count; ++i) {
+        const uint16_t magnitude = static_cast<uint16_t>(rng.uniform(0, 64 * 48));
+        words[i] = rng.uniform(0, 8) == 0 ? static_cast<uint16_t>(0x8000 | magnitude) : magnitude;
+    }
+}
+
+void Fixed2Float(benchmark::State& state)
+{
+    const cv::Size size = sizeOf(state);
+    // The down camera: a front unit matcher would dump its first frame.
+    StereoMatcher matcher(Common::DOWN, StereoMatcher::DPU, size);
+    fillWords(matcher.hwDisparity.get(), size.area());
+    cv::Mat disparity;
+    for (auto _ : state) {
+        matcher.fixed2float(disparity);
+        benchmark::DoNotOptimize(disparity.data);
+        benchmark::ClobberMemory();
+    }
+    state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * size.area());
+}
+
+void CopyFloats(benchmark::State& state)
+{
+    const size_t count = static_cast<size_t>(sizeOf(state).area());
+    std::vector<float> source(count, 1.5f);
+    std::vector<float> target(count);
+    for (auto _ : state) {
+        std::memcpy(target.data(), source.data(), count * sizeof(float));
+        benchmark::DoNotOptimize(target.data());
+        benchmark::ClobberMemory();
+    }
+    state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * count));
+}
+
+void rotatedSizes(benchmark::internal::Benchmark* bench)
+{
+    bench->Args({480, 640})->Args({600, 800})->Unit(benchmark::kMillisecond);
+}
+
+}  // namespace
+
+BENCHMARK(BlockMatchBand)->Apply(rotatedSizes);
+BENCHMARK(BlockMatchWholeFrame)->Apply(rotatedSizes);
+BENCHMARK(UnitPair)->Apply(rotatedSizes);
+BENCHMARK(Fixed2Float)->Apply(rotatedSizes)->Unit(benchmark::kMicrosecond);
+BENCHMARK(CopyFloats)->Apply(rotatedSizes)->Unit(benchmark::kMicrosecond);
