@@ -1,0 +1,432 @@
+#include "imagereader.h"
+
+#include <algorithm>
+#include <chrono>
+#include <fstream>
+#include <thread>
+
+#include <opencv2/calib3d.hpp>
+#include <opencv2/imgproc.hpp>
+
+#include "binolog.h"
+#include "paths.h"
+
+namespace {
+
+constexpr long kPollPeriodUs = 5000;
+constexpr long kSocketSleepUs = 1000000;
+
+// A left image whose mean grey level is at or below kDarkMean is dark. The
+// first dark frame arms the detector; low light is declared once more than
+// kDarkFramesCounted further dark frames have followed it.
+constexpr float kDarkMean = 55.0f;
+constexpr int kDarkFramesCounted = 5;
+
+// Highlights above this grey level are clipped to it before queueing.
+constexpr double kClipLevel = 240.0;
+
+constexpr const char* kIntrinsicsFile = "intrinsicsBino.yml";
+constexpr const char* kExtrinsicsFile = "extrinsicsBino.yml";
+constexpr const char* kLeftTableFile = "leftLut.dat";
+constexpr const char* kRightTableFile = "rightLut.dat";
+
+uint32_t readU32le(const unsigned char* bytes)
+{
+    return static_cast<uint32_t>(bytes[0]) | static_cast<uint32_t>(bytes[1]) << 8 |
+           static_cast<uint32_t>(bytes[2]) << 16 | static_cast<uint32_t>(bytes[3]) << 24;
+}
+
+uint64_t readU64le(const unsigned char* bytes)
+{
+    return static_cast<uint64_t>(readU32le(bytes)) | static_cast<uint64_t>(readU32le(bytes + 4)) << 32;
+}
+
+}  // namespace
+
+void ImageReader::FrameRing::push(QueueData&& frame)
+{
+    uint64_t count = pushed.load(std::memory_order_relaxed);
+    slots[count % kCapacity] = std::move(frame);
+    pushed.store(count + 1, std::memory_order_release);
+}
+
+ImageReader::QueueData ImageReader::FrameRing::pop()
+{
+    uint64_t count = popped.load(std::memory_order_relaxed);
+    if (pushed.load(std::memory_order_acquire) == count) {
+        return QueueData();
+    }
+    // Moving out leaves the slot's matrices empty, so the slot holds no
+    // reference to the images the consumer now owns.
+    QueueData frame = std::move(slots[count % kCapacity]);
+    popped.store(count + 1, std::memory_order_release);
+    return frame;
+}
+
+ImageReader::ImageReader(Common::Direction cameraDirection, Source frameSource, int configuredWidth,
+                         int configuredHeight)
+    : name("[BINOLIB] [" + Common::binoString(cameraDirection) + "]"),
+      direction(cameraDirection),
+      source(frameSource),
+      width(configuredWidth),
+      height(configuredHeight),
+      usedSize(configuredHeight, configuredWidth),
+      imageSize(static_cast<uint32_t>(configuredWidth) * static_cast<uint32_t>(configuredHeight)),
+      blockSize(imageSize * 2),
+      Q(cv::Mat::eye(4, 4, CV_32S))
+{
+    BINO_INFO("%s ImageReader: source: %d, width: %d, height: %d", name.c_str(), static_cast<int>(source), width,
+              height);
+    init();
+}
+
+ImageReader::~ImageReader()
+{
+    {
+        std::lock_guard<std::mutex> lock(stopMutex);
+        stopRequested = true;
+    }
+    stopSignal.notify_all();
+    if (threadDone.valid()) {
+        threadDone.wait();
+    }
+    delete queue;
+}
+
+void ImageReader::init()
+{
+    frameReady = std::make_unique<UnnamedSemaphore>(0);
+    checkCalib();
+    if (calibOk.load(std::memory_order_relaxed)) {
+        loadCalibParams();
+    }
+    initSource(source);
+}
+
+void ImageReader::initSource(Source frameSource)
+{
+    switch (frameSource) {
+        case SHM:
+            initShm();
+            break;
+        case SOCKET:
+            initSocket();
+            break;
+        default:
+            break;
+    }
+}
+
+void ImageReader::initShm()
+{
+    int key = getShmKey();
+    queue = shmmqueue::CMessageQueue::CreateInstance(key, kFrameMessageBytes, shmmqueue::SINGLE_READER_SINGLE_WRITER);
+    // A payload never exceeds the ring's capacity, however the producer
+    // behaves; the queue copies without knowing this buffer's size.
+    frameBuffer.assign(std::max<size_t>(kFrameMessageBytes, queue->GetQueueLength()), 0);
+    startThread(&ImageReader::shmRun);
+}
+
+void ImageReader::initSocket()
+{
+    startThread(&ImageReader::socketRun);
+}
+
+int ImageReader::getShmKey()
+{
+    switch (direction) {
+        case Common::FRONT:
+            return kFrontShmKey;
+        case Common::DOWN:
+            return kDownShmKey;
+        default:
+            BINO_ERROR("%s getShmKey error.", name.c_str());
+            return -1;
+    }
+}
+
+void ImageReader::startThread(void (ImageReader::*body)())
+{
+    std::promise<void> done;
+    threadDone = done.get_future();
+    std::thread([this, body, done = std::move(done)]() mutable {
+        (this->*body)();
+        done.set_value();
+    }).detach();
+}
+
+bool ImageReader::sleepOrStop(long microseconds)
+{
+    std::unique_lock<std::mutex> lock(stopMutex);
+    return !stopSignal.wait_for(lock, std::chrono::microseconds(microseconds), [this] { return stopRequested; });
+}
+
+void ImageReader::shmRun()
+{
+    failLimit = 100;
+    failCount = 0;
+    do {
+        pollOnce();
+        polls.fetch_add(1, std::memory_order_release);
+    } while (sleepOrStop(kPollPeriodUs));
+}
+
+void ImageReader::socketRun()
+{
+    while (sleepOrStop(kSocketSleepUs)) {
+    }
+}
+
+void ImageReader::pollOnce()
+{
+    int result = queue->GetMessage(frameBuffer.data());
+    if (result < 0) {
+        // Saturates at the limit: a camera that stays away for months must
+        // not overflow the counter.
+        if (failCount < failLimit) {
+            ++failCount;
+        }
+        if (failCount >= failLimit) {
+            noImage.store(true, std::memory_order_relaxed);
+        }
+        return;
+    }
+    processMessage(static_cast<size_t>(result));
+}
+
+void ImageReader::processMessage(size_t length)
+{
+    noImage.store(false, std::memory_order_relaxed);
+    failCount = 0;
+    messageLength = std::min(length, frameBuffer.size());
+    getBinoMat();
+    // A rejected message still goes through the existing views, but only when
+    // it is long enough to hold what they read: bytes beyond the message are
+    // left over from an older one. Before the first good message there are
+    // no views and nothing to queue.
+    if (leftRaw.empty() ||
+        messageLength < kRightImageOffset + std::max(rightRaw.total(), sizeof(unsigned long long))) {
+        return;
+    }
+    if (checkLowLight()) {
+        return;
+    }
+    rotateImage();
+    if (remapEnabled.load(std::memory_order_relaxed)) {
+        calibImage();
+    }
+    if (left.empty() || right.empty()) {
+        return;
+    }
+    cv::threshold(left, left, kClipLevel, 255, cv::THRESH_TRUNC);
+    cv::threshold(right, right, kClipLevel, 255, cv::THRESH_TRUNC);
+    matEnqueue();
+}
+
+void ImageReader::getBinoMat()
+{
+    // The configured size must fit the message's image areas; otherwise no
+    // message can match it.
+    const bool sizeFits = width > 0 && height > 0 &&
+                          static_cast<uint64_t>(width) * static_cast<uint64_t>(height) <= kImageAreaBytes;
+    if (sizeFits && messageLength >= kLeftImageOffset) {
+        const unsigned char* message = frameBuffer.data();
+        const size_t area = static_cast<size_t>(width) * static_cast<size_t>(height);
+        if (readU32le(message + kWidthOffset) == static_cast<uint32_t>(width) &&
+            readU32le(message + kHeightOffset) == static_cast<uint32_t>(height) &&
+            messageLength >= kRightImageOffset + std::max(area, sizeof(unsigned long long))) {
+            leftRaw = cv::Mat(height, width, CV_8UC1, frameBuffer.data() + kLeftImageOffset);
+            rightRaw = cv::Mat(height, width, CV_8UC1, frameBuffer.data() + kRightImageOffset);
+            leftTimestamp = readU64le(message + kLeftImageOffset);
+            rightTimestamp = readU64le(message + kRightImageOffset);
+            return;
+        }
+    }
+    BINO_ERROR("%s shm size do not match bino size!", name.c_str());
+}
+
+bool ImageReader::checkLowLight()
+{
+    const float mean = static_cast<float>(cv::mean(leftRaw)[0]);
+    if (mean > kDarkMean) {
+        lowLight.store(false, std::memory_order_relaxed);
+        darkCount = 0;
+        darkStarted = false;
+    } else if (!darkStarted) {
+        lowLight.store(false, std::memory_order_relaxed);
+        darkCount = 0;
+        darkStarted = true;
+    } else {
+        // Counting stops once low light is declared, so the count never
+        // overflows in a long night.
+        if (darkCount <= kDarkFramesCounted) {
+            ++darkCount;
+        }
+        lowLight.store(darkCount > kDarkFramesCounted, std::memory_order_relaxed);
+    }
+    return lowLight.load(std::memory_order_relaxed);
+}
+
+void ImageReader::rotateImage()
+{
+    switch (direction) {
+        case Common::FRONT:
+            cv::rotate(leftRaw, left, cv::ROTATE_90_CLOCKWISE);
+            cv::rotate(rightRaw, right, cv::ROTATE_90_CLOCKWISE);
+            break;
+        case Common::DOWN:
+            cv::rotate(leftRaw, left, cv::ROTATE_90_COUNTERCLOCKWISE);
+            cv::rotate(rightRaw, right, cv::ROTATE_90_COUNTERCLOCKWISE);
+            break;
+        default:
+            break;
+    }
+}
+
+void ImageReader::matEnqueue()
+{
+    std::lock_guard<std::mutex> lock(producerLock);
+    if (frames.full()) {
+        return;
+    }
+    frames.push(QueueData{left.clone(), right.clone(), leftTimestamp, rightTimestamp});
+    frameReady->post();
+}
+
+int ImageReader::getImageBlock(cv::Mat& leftImage, cv::Mat& rightImage, unsigned long long& leftStamp,
+                               unsigned long long& rightStamp)
+{
+    frameReady->wait();
+    std::lock_guard<std::mutex> lock(consumerLock);
+    QueueData frame = frames.pop();
+    leftImage = frame.left;
+    rightImage = frame.right;
+    leftStamp = frame.leftTimestamp;
+    rightStamp = frame.rightTimestamp;
+    return 0;
+}
+
+cv::Size ImageReader::getUsedSize()
+{
+    return usedSize;
+}
+
+cv::Mat ImageReader::getQ()
+{
+    return Q;
+}
+
+void ImageReader::enableRemap(bool enable)
+{
+    remapEnabled.store(enable, std::memory_order_relaxed);
+}
+
+std::pair<int, int> ImageReader::getBinoStatus()
+{
+    int hardware = 0;
+    if (noImage.load(std::memory_order_relaxed)) {
+        hardware = 1;
+    } else if (lowLight.load(std::memory_order_relaxed)) {
+        hardware = 2;
+    }
+    return {hardware, calibOk.load(std::memory_order_relaxed) ? 0 : 1};
+}
+
+std::string ImageReader::calibFile(const char* fileName) const
+{
+    switch (direction) {
+        case Common::FRONT:
+            return paths::resolve(paths::kFrontCalibDir) + fileName;
+        case Common::DOWN:
+            return paths::resolve(paths::kDownCalibDir) + fileName;
+        default:
+            return std::string();
+    }
+}
+
+bool ImageReader::isFileExists(const std::string& path)
+{
+    std::ifstream stream(path);
+    return stream.is_open();
+}
+
+void ImageReader::checkCalib()
+{
+    bool present = true;
+    for (const char* file : {kIntrinsicsFile, kExtrinsicsFile, kLeftTableFile, kRightTableFile}) {
+        if (!isFileExists(calibFile(file))) {
+            present = false;
+            break;
+        }
+    }
+    calibOk.store(present, std::memory_order_relaxed);
+}
+
+int ImageReader::loadCalibParams()
+{
+    // Everything is computed into locals and published at the end, so a
+    // failure at any step leaves Q and the maps as they were. OpenCV reports
+    // unparsable files and ill-shaped matrices by exception; none may escape
+    // the constructor into the host.
+    try {
+        const std::string intrinsicsPath = calibFile(kIntrinsicsFile);
+        cv::FileStorage intrinsics(intrinsicsPath, cv::FileStorage::READ);
+        if (!intrinsics.isOpened()) {
+            BINO_ERROR("%s loadCalibParams: failed to open %s", name.c_str(), intrinsicsPath.c_str());
+            return -1;
+        }
+        cv::Mat M1, D1, M2, D2;
+        intrinsics["M1"] >> M1;
+        intrinsics["D1"] >> D1;
+        intrinsics["M2"] >> M2;
+        intrinsics["D2"] >> D2;
+        if (M1.empty() || D1.empty() || M2.empty() || D2.empty()) {
+            BINO_ERROR("%s Intrinsics file is empty!", name.c_str());
+            return -1;
+        }
+        intrinsics.release();
+
+        const std::string extrinsicsPath = calibFile(kExtrinsicsFile);
+        cv::FileStorage extrinsics(extrinsicsPath, cv::FileStorage::READ);
+        if (!extrinsics.isOpened()) {
+            BINO_ERROR("%s loadCalibParams: failed to open %s", name.c_str(), extrinsicsPath.c_str());
+            return -1;
+        }
+        cv::Mat R, T;
+        extrinsics["R"] >> R;
+        extrinsics["T"] >> T;
+        if (R.empty() || T.empty()) {
+            BINO_ERROR("%s Extrinsics file is empty!", name.c_str());
+            return -1;
+        }
+        extrinsics.release();
+
+        // The calibration was made on rotated images, hence usedSize.
+        cv::Mat R1, R2, P1, P2, reprojection;
+        cv::stereoRectify(M1, D1, M2, D2, usedSize, R, T, R1, R2, P1, P2, reprojection, cv::CALIB_ZERO_DISPARITY, 0,
+                          cv::Size(), nullptr, nullptr);
+        cv::Mat left1, left2, right1, right2;
+        cv::initUndistortRectifyMap(M1, D1, R1, P1, usedSize, CV_16SC2, left1, left2);
+        cv::initUndistortRectifyMap(M2, D2, R2, P2, usedSize, CV_16SC2, right1, right2);
+        Q = reprojection;
+        leftMap1 = left1;
+        leftMap2 = left2;
+        rightMap1 = right1;
+        rightMap2 = right2;
+    } catch (const cv::Exception& error) {
+        BINO_ERROR("%s loadCalibParams: %s", name.c_str(), error.err.c_str());
+        return -1;
+    }
+    return 0;
+}
+
+void ImageReader::calibImage()
+{
+    // Rectification is enabled by configuration whether or not calibration
+    // loaded; without maps the images pass unrectified.
+    if (leftMap1.empty() || rightMap1.empty()) {
+        return;
+    }
+    cv::remap(left, left, leftMap1, leftMap2, cv::INTER_LINEAR, cv::BORDER_CONSTANT, cv::Scalar());
+    cv::remap(right, right, rightMap1, rightMap2, cv::INTER_LINEAR, cv::BORDER_CONSTANT, cv::Scalar());
+}

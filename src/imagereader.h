@@ -1,0 +1,211 @@
+#pragma once
+// The stereo frame reader of one camera pair: a polling thread takes whole
+// frame messages from the camera's shared-memory queue, rotates the two grey
+// images upright, optionally rectifies them, clips highlights at 240 and keeps
+// at most two frames for the camera pipeline. It also holds the pair's
+// calibration (the reprojection matrix Q and the rectification maps) and its
+// health for the status report.
+//
+// Frame message (one queue payload, little-endian):
+//   offset 4       u32  image width, pixels
+//   offset 8       u32  image height, pixels
+//   offset 12      width*height bytes, left image (8-bit grey, rows packed)
+//   offset 522252  width*height bytes, right image
+// The first 8 bytes of each image area are also that image's u64 timestamp
+// (camera clock); they stay part of the image.
+//
+// Thread-safety: one polling thread writes the image and detector fields;
+// one consumer thread calls getImageBlock(); getBinoStatus() and getQ() may be
+// called from any thread. Everything else is for the constructing thread.
+
+#include <atomic>
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <future>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <opencv2/core.hpp>
+
+#include "common.h"
+#include "shmmqueue.h"
+#include "unnamedsemaphore.h"
+
+class ImageReader {
+public:
+    enum Source : int {
+        SHM = 0,     ///< frames from the camera's shared-memory queue
+        SOCKET = 1,  ///< placeholder: a thread that only sleeps, no frames ever
+    };
+
+    /// One queued frame: deep copies, so the poller never touches them again.
+    struct QueueData {
+        cv::Mat left;
+        cv::Mat right;
+        unsigned long long leftTimestamp = 0;
+        unsigned long long rightTimestamp = 0;
+    };
+
+    /// The frame queue: two slots, one producer (the poller, under
+    /// producerLock) and one consumer (getImageBlock, under consumerLock). Each
+    /// side only advances its own counter, with release ordering after it has
+    /// finished with the slot, and reads the other's with acquire ordering.
+    class FrameRing {
+    public:
+        static constexpr uint64_t kCapacity = 2;
+
+        /// Producer side: true when both slots hold unconsumed frames.
+        bool full() const
+        {
+            return pushed.load(std::memory_order_relaxed) - popped.load(std::memory_order_acquire) >= kCapacity;
+        }
+        /// Producer side; the caller has checked full().
+        void push(QueueData&& frame);
+        /// Consumer side: the oldest frame, or an empty one if none is queued.
+        QueueData pop();
+        /// Unconsumed frames; exact only when neither side is active.
+        uint64_t size() const { return pushed.load(std::memory_order_acquire) - popped.load(std::memory_order_acquire); }
+
+    private:
+        QueueData slots[kCapacity];
+        std::atomic<uint64_t> pushed{0};
+        std::atomic<uint64_t> popped{0};
+    };
+
+    // Frame message layout, bytes.
+    static constexpr size_t kFrameMessageBytes = 1045312;  ///< queue request and largest regular message
+    static constexpr size_t kWidthOffset = 4;
+    static constexpr size_t kHeightOffset = 8;
+    static constexpr size_t kLeftImageOffset = 12;
+    static constexpr size_t kRightImageOffset = 522252;
+    static constexpr size_t kImageAreaBytes = 522240;  ///< room per image; width * height must fit
+
+    static constexpr int kFrontShmKey = 9990;
+    static constexpr int kDownShmKey = 9991;
+
+    /// Logs the configuration, loads the calibration and starts the source's
+    /// thread. With SHM a failure to create the shared memory ends the process.
+    ImageReader(Common::Direction direction, Source source, int width, int height);
+
+    /// The module never destroys a reader: its thread runs until the process
+    /// ends. For tests and tools the destructor stops the thread, waits until
+    /// it has left this object, and deletes the queue, which removes the
+    /// shared-memory segment. No consumer may be inside getImageBlock().
+    ~ImageReader();
+
+    ImageReader(const ImageReader&) = delete;
+    ImageReader& operator=(const ImageReader&) = delete;
+
+    void init();
+    void initSource(Source source);
+    void initShm();
+    void initSocket();
+    /// 9990 front, 9991 down, -1 (logged) otherwise.
+    int getShmKey();
+
+    /// Polling thread body: one poll every 5 ms until the reader is destroyed.
+    void shmRun();
+    /// Socket placeholder thread body: sleeps in 1 s steps.
+    void socketRun();
+
+    /// One poll: takes a message from the queue (an empty or corrupt ring
+    /// counts towards noImage) and processes it.
+    void pollOnce();
+    /// Everything the poller does with a message of `length` bytes that has
+    /// arrived in frameBuffer. Never reads frameBuffer beyond `length` and
+    /// never queues an empty image.
+    void processMessage(size_t length);
+
+    /// Points leftRaw/rightRaw at the message in frameBuffer and reads the
+    /// timestamps when the message carries the configured size; otherwise logs
+    /// and keeps the previous views and timestamps.
+    void getBinoMat();
+    /// Updates the low-light detector from leftRaw's mean; returns lowLight.
+    bool checkLowLight();
+    void rotateImage();
+    /// Queues deep copies of left/right unless two frames are waiting; posts
+    /// frameReady only for a queued frame.
+    void matEnqueue();
+
+    /// Blocks until a frame is queued and hands out the oldest one. Returns 0.
+    int getImageBlock(cv::Mat& left, cv::Mat& right, unsigned long long& leftTimestamp,
+                      unsigned long long& rightTimestamp);
+
+    cv::Size getUsedSize();
+    /// Header copy of Q: the 4x4 CV_64F reprojection matrix (depth in the unit
+    /// of the calibration's T), or the CV_32S identity while uncalibrated.
+    cv::Mat getQ();
+    void enableRemap(bool enable);
+    /// first: 0 frames arriving, 1 no frames (wins), 2 low light;
+    /// second: 0 calibration files present, 1 otherwise.
+    std::pair<int, int> getBinoStatus();
+
+    bool isFileExists(const std::string& path);
+    void checkCalib();
+    /// 0 when Q and the maps were computed; -1 (logged) with Q and the maps
+    /// left as they were.
+    int loadCalibParams();
+    /// Rectifies left/right in place; without maps the images stay as they are.
+    void calibImage();
+
+    /// Completed polls since the thread started. Lets a caller wait until the
+    /// poller has seen what it sent, instead of guessing with sleeps.
+    uint64_t pollCount() const { return polls.load(std::memory_order_acquire); }
+
+    std::string name;
+    Common::Direction direction;
+    Source source;
+    int width;   ///< configured camera image width, pixels
+    int height;  ///< configured camera image height, pixels
+    cv::Size usedSize;  ///< size after rotation: (height, width)
+    uint32_t imageSize;
+    uint32_t blockSize;
+    std::unique_ptr<UnnamedSemaphore> frameReady;  ///< counts queued frames
+    std::mutex consumerLock;
+    std::mutex producerLock;
+    shmmqueue::CMessageQueue* queue = nullptr;
+    /// Receives one message. As large as the ring, so no payload the queue
+    /// can deliver, even from a corrupt ring, overruns it.
+    std::vector<unsigned char> frameBuffer;
+    cv::Mat leftRaw;   ///< view into frameBuffer, configured orientation
+    cv::Mat rightRaw;  ///< view into frameBuffer, configured orientation
+    cv::Mat left;      ///< rotated (and rectified, clipped) image being queued
+    cv::Mat right;
+    FrameRing frames;
+    std::atomic<bool> noImage{false};
+    int failLimit = 100;
+    int failCount = 0;
+    std::atomic<bool> lowLight{false};
+    bool darkStarted = false;
+    int darkCount = 0;
+    cv::Mat Q;
+    cv::Mat leftMap1;
+    cv::Mat leftMap2;
+    cv::Mat rightMap1;
+    cv::Mat rightMap2;
+    std::atomic<bool> calibOk{false};
+    std::atomic<bool> remapEnabled{false};
+    unsigned long long leftTimestamp = 0;
+    unsigned long long rightTimestamp = 0;
+
+private:
+    /// Path of one calibration file of this direction; empty for an unknown
+    /// direction.
+    std::string calibFile(const char* fileName) const;
+    void startThread(void (ImageReader::*body)());
+    /// Sleeps for `microseconds` or until the destructor asks the thread to
+    /// stop; false once stopping.
+    bool sleepOrStop(long microseconds);
+
+    size_t messageLength = 0;  ///< bytes of the message now in frameBuffer
+    std::atomic<uint64_t> polls{0};
+
+    std::mutex stopMutex;
+    std::condition_variable stopSignal;
+    bool stopRequested = false;   ///< guarded by stopMutex
+    std::future<void> threadDone;  ///< ready once the thread has left this object
+};

@@ -1,0 +1,52 @@
+#include "framemessage.h"
+
+#include <algorithm>
+#include <cstring>
+#include <stdexcept>
+
+#include "imagereader.h"
+
+namespace camsim {
+namespace {
+
+void writeLe(unsigned char* at, uint64_t value, int bytes)
+{
+    for (int i = 0; i < bytes; ++i) {
+        at[i] = static_cast<unsigned char>(value >> (8 * i));
+    }
+}
+
+void writeImage(const cv::Mat& image, unsigned char* area)
+{
+    if (image.type() != CV_8UC1 || image.total() > ImageReader::kImageAreaBytes) {
+        throw std::invalid_argument("frame message images are CV_8UC1 of at most 522240 pixels");
+    }
+    for (int y = 0; y < image.rows; ++y) {
+        std::memcpy(area + static_cast<size_t>(y) * image.cols, image.ptr(y), image.cols);
+    }
+}
+
+}  // namespace
+
+cv::Mat toSensorOrientation(Common::Direction direction, const cv::Mat& upright)
+{
+    cv::Mat sensor;
+    cv::rotate(upright, sensor,
+               direction == Common::FRONT ? cv::ROTATE_90_COUNTERCLOCKWISE : cv::ROTATE_90_CLOCKWISE);
+    return sensor;
+}
+
+void encodeFrameMessage(const cv::Mat& sensorLeft, const cv::Mat& sensorRight, uint64_t leftTimestamp,
+                        uint64_t rightTimestamp, uint32_t headerWidth, uint32_t headerHeight,
+                        std::vector<unsigned char>& message)
+{
+    message.assign(ImageReader::kFrameMessageBytes, 0);
+    writeLe(message.data() + ImageReader::kWidthOffset, headerWidth, 4);
+    writeLe(message.data() + ImageReader::kHeightOffset, headerHeight, 4);
+    writeImage(sensorLeft, message.data() + ImageReader::kLeftImageOffset);
+    writeImage(sensorRight, message.data() + ImageReader::kRightImageOffset);
+    writeLe(message.data() + ImageReader::kLeftImageOffset, leftTimestamp, 8);
+    writeLe(message.data() + ImageReader::kRightImageOffset, rightTimestamp, 8);
+}
+
+}  // namespace camsim

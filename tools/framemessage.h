@@ -1,0 +1,28 @@
+#pragma once
+// The camera side of the frame message: what the camera process puts into
+// the shared-memory queue for one stereo frame.
+
+#include <cstdint>
+#include <vector>
+
+#include <opencv2/core.hpp>
+
+#include "common.h"
+
+namespace camsim {
+
+/// The image as the camera of `direction` delivers it, given the upright
+/// (rotated, matcher's) image: the inverse of the reader's rotation, so front
+/// images are turned counter-clockwise and down images clockwise.
+cv::Mat toSensorOrientation(Common::Direction direction, const cv::Mat& upright);
+
+/// Fills `message` with one frame message of ImageReader::kFrameMessageBytes:
+/// headerWidth/headerHeight at offsets 4 and 8, the two CV_8UC1 sensor
+/// images (each at most ImageReader::kImageAreaBytes) in their image areas,
+/// and each timestamp over the first 8 bytes of its image area. All integers
+/// little-endian; unused bytes zero.
+void encodeFrameMessage(const cv::Mat& sensorLeft, const cv::Mat& sensorRight, uint64_t leftTimestamp,
+                        uint64_t rightTimestamp, uint32_t headerWidth, uint32_t headerHeight,
+                        std::vector<unsigned char>& message);
+
+}  // namespace camsim
