@@ -17,8 +17,7 @@ namespace {
 constexpr size_t kDumpWords = 307200;
 constexpr const char* kDumpFile = "test.yuv";
 
-constexpr uint16_t kInvalidFlag = 0x8000;
-constexpr uint16_t kMagnitudeMask = 0x7FFF;
+constexpr uint16_t kMagnitudeMask = 0x7FFF;  // 1/64 px
 // Every word the unit did not produce for this frame is marked invalid.
 constexpr uint16_t kInvalidWord = 0xFFFF;
 
@@ -26,6 +25,11 @@ constexpr int kRoiMargin = 80;            // px left and right of the BM band
 constexpr float kSteepPitch = 16.333334f;  // beyond this the band moves furthest
 constexpr int kBmFractionScale = 16;       // StereoBM's disparity unit is 1/16 px
 
+static_assert(std::numeric_limits<float>::is_iec559, "decoding writes IEEE 754 bit patterns");
+constexpr uint32_t kFloatSignBit = 0x80000000u;
+constexpr uint32_t kFloatOneBits = 0x3F800000u;  // 1.0f
+
+// The pixel count of `size`, or the error new[] raises for an impossible count.
 size_t checkedPixelCount(cv::Size size)
 {
     const long long pixels = static_cast<long long>(size.width) * size.height;
@@ -50,8 +54,8 @@ float decodeWord(uint16_t word)
     const float px = static_cast<float>(magnitude) * 0.015625f;  // exact: 15-bit magnitude, 1/64 px
     uint32_t validBits;
     std::memcpy(&validBits, &px, sizeof validBits);
-    const uint32_t flaggedBits = 0x80000000u | (magnitude != 0 ? 0x3F800000u : 0u);
-    const uint32_t flagged = 0u - (word >> 15);
+    const uint32_t flaggedBits = kFloatSignBit | (magnitude != 0 ? kFloatOneBits : 0u);  // -1.0 or -0.0
+    const uint32_t flagged = 0u - static_cast<uint32_t>(word >> 15);                   // all ones when bit 15 is set
     const uint32_t bits = (validBits & ~flagged) | (flaggedBits & flagged);
     float decoded;
     std::memcpy(&decoded, &bits, sizeof decoded);
@@ -172,6 +176,7 @@ cv::Rect StereoMatcher::decideROI(float pitch_, int rows, int cols)
         if (pitch_ >= kSteepPitch) {
             roi.y = 120;
         } else {
+            // Scales with the image height: 6.125 for 640 rows.
             const float t = 98.0f / static_cast<float>(rows / 40);
             if (t > pitch_) {
                 roi.y = 80;
@@ -213,6 +218,8 @@ void StereoMatcher::getDisparityDPU(cv::Mat& left, cv::Mat& right, cv::Mat& disp
             std::fill_n(hwDisparity.get(), checkedPixelCount(size), kInvalidWord);
         }
         if (direction == Common::FRONT && first.exchange(false)) {
+            // A debugging aid only: a working directory that cannot be
+            // written to costs the dump, never the frame.
             if (std::FILE* file = std::fopen(kDumpFile, "wb")) {
                 std::fwrite(hwDisparity.get(), sizeof(uint16_t), kDumpWords, file);
                 std::fclose(file);
