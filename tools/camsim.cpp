@@ -137,10 +137,10 @@ int main(int argc, char** argv)
     std::fflush(stdout);
 
     using Clock = std::chrono::steady_clock;
+    const auto period = std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(1.0 / options.fps));
     const auto start = Clock::now();
-    const auto period = std::chrono::duration<double>(1.0 / options.fps);
+    auto due = start;
     auto lastReport = start;
-    auto pausedTime = Clock::duration::zero();
     uint64_t sent = 0;
     uint64_t dropped = 0;
     uint64_t sentAtReport = 0;
@@ -150,17 +150,11 @@ int main(int argc, char** argv)
 
     for (uint64_t frame = 0; !g_stop && (options.frames == 0 || frame < options.frames); ++frame) {
         if (options.pausePeriod > 0 && frame > 0 && frame % options.pausePeriod == 0) {
-            const auto pause = std::chrono::milliseconds(options.pauseMs);
-            sleepUntil(Clock::now() + pause);
-            pausedTime += pause;
+            due += std::chrono::milliseconds(options.pauseMs);
         }
-        const auto due = start + pausedTime + std::chrono::duration_cast<Clock::duration>(period * frame);
-        sleepUntil(due);
-        if (g_stop) {
-            break;
-        }
-        const double elapsedS = std::chrono::duration<double>(Clock::now() - start).count();
-        if (!source->next(elapsedS, left, right)) {
+        // The pair is prepared before its send time, so slow rendering
+        // delays the schedule rather than the timestamp.
+        if (!source->next(std::chrono::duration<double>(due - start).count(), left, right)) {
             break;
         }
         cv::Mat sensorLeft = camsim::toSensorOrientation(options.direction, left);
@@ -168,6 +162,10 @@ int main(int argc, char** argv)
         if (inRun(frame, options.darkPeriod, options.darkLength)) {
             sensorLeft.convertTo(sensorLeft, -1, 0.2);
             sensorRight.convertTo(sensorRight, -1, 0.2);
+        }
+        sleepUntil(due);
+        if (g_stop) {
+            break;
         }
         const uint64_t stamp = monotonicMicroseconds();
         camsim::encodeFrameMessage(sensorLeft, sensorRight, stamp, stamp,
@@ -179,6 +177,13 @@ int main(int argc, char** argv)
             ++sent;
         } else {
             ++dropped;
+        }
+        // A frame more than a period late moves the schedule on instead of
+        // causing a burst the module could not take.
+        const auto sentAt = Clock::now();
+        due += period;
+        if (due < sentAt) {
+            due = sentAt + period;
         }
 
         const auto now = Clock::now();

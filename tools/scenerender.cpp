@@ -1,5 +1,6 @@
 #include "scenerender.h"
 
+#include <algorithm>
 #include <cmath>
 #include <random>
 #include <vector>
@@ -55,25 +56,27 @@ Texture makeTexture(uint32_t seed)
     return texture;
 }
 
-// Grey levels (CV_32F, size) of the texture sampled at (x + shiftPx, y) for
-// every pixel (x, y). cos(a + b) = cos a cos b - sin a sin b separates the row
-// and column terms, so the sum over the waves is two matrix products.
-cv::Mat sample(const Texture& texture, cv::Size size, double shiftPx)
+// Grey levels (CV_32F) of the texture for the pixels (x, y) of `area`, each
+// sampled at (x + shiftPx, y). cos(a + b) = cos a cos b - sin a sin b
+// separates the row and column terms, so the sum over the waves is two matrix
+// products. Phases are computed in double; the products in float keep the
+// sum within 1e-5 of a grey level.
+cv::Mat sample(const Texture& texture, cv::Rect area, double shiftPx)
 {
-    cv::Mat rowCos(size.height, kWaves, CV_64F);
-    cv::Mat rowSin(size.height, kWaves, CV_64F);
-    cv::Mat colCos(kWaves, size.width, CV_64F);
-    cv::Mat colSin(kWaves, size.width, CV_64F);
+    cv::Mat rowCos(area.height, kWaves, CV_32F);
+    cv::Mat rowSin(area.height, kWaves, CV_32F);
+    cv::Mat colCos(kWaves, area.width, CV_32F);
+    cv::Mat colSin(kWaves, area.width, CV_32F);
     for (int k = 0; k < kWaves; ++k) {
-        for (int y = 0; y < size.height; ++y) {
-            double a = kTwoPi * texture.fy[k] * y + texture.phase[k];
-            rowCos.at<double>(y, k) = std::cos(a);
-            rowSin.at<double>(y, k) = std::sin(a);
+        for (int row = 0; row < area.height; ++row) {
+            double a = kTwoPi * texture.fy[k] * (area.y + row) + texture.phase[k];
+            rowCos.at<float>(row, k) = static_cast<float>(std::cos(a));
+            rowSin.at<float>(row, k) = static_cast<float>(std::sin(a));
         }
-        for (int x = 0; x < size.width; ++x) {
-            double b = kTwoPi * texture.fx[k] * (x + shiftPx);
-            colCos.at<double>(k, x) = std::cos(b);
-            colSin.at<double>(k, x) = std::sin(b);
+        for (int col = 0; col < area.width; ++col) {
+            double b = kTwoPi * texture.fx[k] * (area.x + col + shiftPx);
+            colCos.at<float>(k, col) = static_cast<float>(std::cos(b));
+            colSin.at<float>(k, col) = static_cast<float>(std::sin(b));
         }
     }
     cv::Mat sum;
@@ -82,16 +85,14 @@ cv::Mat sample(const Texture& texture, cv::Size size, double shiftPx)
     cv::gemm(rowSin, colSin, 1.0, cv::noArray(), 0.0, sinPart);
     sum -= sinPart;
 
-    const double scale = 1.0 / (kSpread * std::sqrt(kWaves / 2.0));
-    cv::Mat grey(size, CV_32F);
-    for (int y = 0; y < size.height; ++y) {
-        const double* in = sum.ptr<double>(y);
-        float* out = grey.ptr<float>(y);
-        for (int x = 0; x < size.width; ++x) {
-            out[x] = static_cast<float>(kMidGrey + kSwing * std::tanh(in[x] * scale));
+    const float scale = static_cast<float>(1.0 / (kSpread * std::sqrt(kWaves / 2.0)));
+    for (int row = 0; row < area.height; ++row) {
+        float* values = sum.ptr<float>(row);
+        for (int col = 0; col < area.width; ++col) {
+            values[col] = static_cast<float>(kMidGrey) + static_cast<float>(kSwing) * std::tanh(values[col] * scale);
         }
     }
-    return grey;
+    return sum;
 }
 
 // The obstacle's texture is a separate stream of the same seed, so the two
@@ -119,31 +120,24 @@ cv::Rect obstacleExtent(const Rig& rig, const SceneSpec& spec)
 
 void renderPair(const Rig& rig, const SceneSpec& spec, cv::Mat& left, cv::Mat& right)
 {
+    const cv::Rect whole(cv::Point(0, 0), rig.size);
     const Texture background = makeTexture(spec.seed);
-    const double backgroundShift = disparityPx(rig, spec.backgroundM);
-
-    cv::Mat leftGrey = sample(background, rig.size, 0.0);
-    cv::Mat rightGrey = sample(background, rig.size, backgroundShift);
+    cv::Mat leftGrey = sample(background, whole, 0.0);
+    cv::Mat rightGrey = sample(background, whole, disparityPx(rig, spec.backgroundM));
 
     const cv::Rect rect = obstacleExtent(rig, spec);
     if (spec.obstacleM > 0.0 && !rect.empty()) {
         const Texture obstacle = makeTexture(obstacleSeed(spec.seed));
-        const double obstacleShift = disparityPx(rig, spec.obstacleM);
-        cv::Mat leftObstacle = sample(obstacle, rig.size, 0.0);
-        cv::Mat rightObstacle = sample(obstacle, rig.size, obstacleShift);
-        leftObstacle(rect).copyTo(leftGrey(rect));
-        // A right pixel x sees the obstacle where x + d lies on it in left
-        // coordinates: [rect.x, rect.x + width) shifted left by d, boundaries
-        // taken at the pixel's exact position.
-        for (int y = rect.y; y < rect.y + rect.height; ++y) {
-            const float* in = rightObstacle.ptr<float>(y);
-            float* out = rightGrey.ptr<float>(y);
-            for (int x = 0; x < rig.size.width; ++x) {
-                double u = x + obstacleShift;
-                if (u >= rect.x && u < rect.x + rect.width) {
-                    out[x] = in[x];
-                }
-            }
+        const double shift = disparityPx(rig, spec.obstacleM);
+        sample(obstacle, rect, 0.0).copyTo(leftGrey(rect));
+        // A right pixel x sees the obstacle exactly when x + shift lies in
+        // [rect.x, rect.x + width): x from ceil(rect.x - shift) up to, not
+        // including, ceil(rect.x + width - shift).
+        const int first = std::max(0, static_cast<int>(std::ceil(rect.x - shift)));
+        const int last = std::min(rig.size.width, static_cast<int>(std::ceil(rect.x + rect.width - shift)));
+        if (last > first) {
+            const cv::Rect seen(first, rect.y, last - first, rect.height);
+            sample(obstacle, seen, shift).copyTo(rightGrey(seen));
         }
     }
     leftGrey.convertTo(left, CV_8U);
