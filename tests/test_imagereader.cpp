@@ -128,33 +128,50 @@ protected:
     }
 };
 
+// The reader's view of a message's image area: what it must rotate.
+cv::Mat sensorView(std::vector<unsigned char>& bytes, size_t offset, int width, int height)
+{
+    return cv::Mat(height, width, CV_8UC1, &bytes[offset]);
+}
+
 // Given a marker pixel in each sensor image, when the frame is read, then it
 // lands where a clockwise (front) or counter-clockwise (down) turn puts it,
-// in an image of (configured height) x (configured width).
+// in an image of (configured height) x (configured width); every other pixel
+// moves as cv::rotate moves it, also for sizes that are not a multiple of the
+// reader's 16-pixel blocks.
 TEST_F(ImageReaderTest, RotatesByDirectionIntoTheUsedSize)
 {
-    for (Common::Direction direction : {Common::FRONT, Common::DOWN}) {
-        SCOPED_TRACE(Common::binoString(direction));
-        start(direction);
-        cv::Mat left = flat(100);
-        cv::Mat right = flat(100);
-        left.at<uint8_t>(3, 10) = 200;   // row 3, column 10
-        right.at<uint8_t>(5, 20) = 180;  // row 5, column 20
-        deliver(message(left, right, stampOfBytes(100), stampOfBytes(100)));
+    for (cv::Size configured : {cv::Size(kWidth, kHeight), cv::Size(37, 23)}) {
+        for (Common::Direction direction : {Common::FRONT, Common::DOWN}) {
+            SCOPED_TRACE(Common::binoString(direction) + " " + std::to_string(configured.width));
+            const int w = configured.width;
+            const int h = configured.height;
+            start(direction, w, h);
+            cv::Mat left(configured, CV_8UC1);
+            cv::Mat right(configured, CV_8UC1);
+            cv::randu(left, 100, 230);
+            cv::randu(right, 100, 230);
+            left.at<uint8_t>(3, 10) = 255;   // row 3, column 10
+            right.at<uint8_t>(5, 20) = 254;  // row 5, column 20
+            std::vector<unsigned char> bytes = message(left, right, 0x9f9e9d9c9b9a9998ull, 7, w, h);
+            cv::Mat expectedLeft;
+            cv::Mat expectedRight;
+            const auto turn = direction == Common::FRONT ? cv::ROTATE_90_CLOCKWISE : cv::ROTATE_90_COUNTERCLOCKWISE;
+            cv::rotate(sensorView(bytes, 12, w, h), expectedLeft, turn);
+            cv::rotate(sensorView(bytes, 522252, w, h), expectedRight, turn);
+            deliver(bytes);
 
-        ImageReader::QueueData frame = take();
-        EXPECT_EQ(reader->getUsedSize(), cv::Size(kHeight, kWidth));
-        ASSERT_EQ(frame.left.size(), cv::Size(kHeight, kWidth));
-        ASSERT_EQ(frame.right.size(), cv::Size(kHeight, kWidth));
-        if (direction == Common::FRONT) {
-            EXPECT_EQ(frame.left.at<uint8_t>(10, kHeight - 1 - 3), 200);
-            EXPECT_EQ(frame.right.at<uint8_t>(20, kHeight - 1 - 5), 180);
-        } else {
-            EXPECT_EQ(frame.left.at<uint8_t>(kWidth - 1 - 10, 3), 200);
-            EXPECT_EQ(frame.right.at<uint8_t>(kWidth - 1 - 20, 5), 180);
+            ImageReader::QueueData frame = take();
+            EXPECT_EQ(reader->getUsedSize(), cv::Size(h, w));
+            ASSERT_EQ(frame.left.size(), cv::Size(h, w));
+            ASSERT_EQ(frame.right.size(), cv::Size(h, w));
+            const cv::Point leftMarker = direction == Common::FRONT ? cv::Point(h - 1 - 3, 10) : cv::Point(3, w - 1 - 10);
+            const cv::Point rightMarker = direction == Common::FRONT ? cv::Point(h - 1 - 5, 20) : cv::Point(5, w - 1 - 20);
+            EXPECT_EQ(frame.left.at<uint8_t>(leftMarker), 240);
+            EXPECT_EQ(frame.right.at<uint8_t>(rightMarker), 240);
+            EXPECT_EQ(cv::countNonZero(frame.left != cv::min(expectedLeft, 240)), 0);
+            EXPECT_EQ(cv::countNonZero(frame.right != cv::min(expectedRight, 240)), 0);
         }
-        EXPECT_EQ(cv::countNonZero(frame.left != 100), 1);
-        EXPECT_EQ(cv::countNonZero(frame.right != 100), 1);
     }
 }
 
