@@ -49,8 +49,8 @@ void BM_PollerFrame(benchmark::State& state)
     // No source: no thread and no queue; the benchmark plays the poller.
     ImageReader reader(Common::FRONT, static_cast<ImageReader::Source>(2), width, height);
     const SensorPair pair = sensorPair(width, height);
-    camsim::encodeFrameMessage(pair.left, pair.right, 1, 1, static_cast<uint32_t>(width),
-                               static_cast<uint32_t>(height), reader.frameBuffer);
+    camsim::encodeFrameMessage(pair.left, pair.right, 1, 1, static_cast<uint32_t>(width), static_cast<uint32_t>(height),
+                               reader.frameBuffer);
     reader.frameBuffer.resize(ImageReader::kFrameMessageBytes);
 
     // A slightly distorted rig, so remap interpolates every pixel.

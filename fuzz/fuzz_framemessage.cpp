@@ -113,14 +113,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     while (at + 13 <= size) {
         const uint8_t* chunk = data + at;
         at += 13;
-        size_t length = 0;
-        switch (chunk[0] % 6) {
-            case 0: length = ImageReader::kFrameMessageBytes; break;
-            case 1: length = minimum; break;
-            case 2: length = minimum - 1; break;
-            case 3: length = kRingBytes - 9; break;  // the most a corrupt ring can deliver
-            default: length = (static_cast<size_t>(readU32(chunk) >> 8) * 131) % (kRingBytes - 8); break;
-        }
+        // Boundary lengths most of the time, any length otherwise; the
+        // largest is what a corrupt ring can deliver (capacity - 9).
+        const size_t lengths[] = {ImageReader::kFrameMessageBytes, minimum, minimum - 1, kRingBytes - 9};
+        size_t length = chunk[0] % 6 < 4 ? lengths[chunk[0] % 6]
+                                         : (static_cast<size_t>(readU32(chunk) >> 8) * 131) % (kRingBytes - 8);
         length = std::min(length, reader.frameBuffer.size());
         unsigned char* buffer = reader.frameBuffer.data();
         // Header: the configured size (a well-formed message) or the input's.

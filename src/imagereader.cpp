@@ -182,10 +182,7 @@ void ImageReader::initShm()
     startThread(&ImageReader::shmRun);
 }
 
-void ImageReader::initSocket()
-{
-    startThread(&ImageReader::socketRun);
-}
+void ImageReader::initSocket() { startThread(&ImageReader::socketRun); }
 
 int ImageReader::getShmKey()
 {
@@ -259,8 +256,7 @@ void ImageReader::processMessage(size_t length)
     // it is long enough to hold what they read: bytes beyond the message are
     // left over from an older one. Before the first good message there are
     // no views and nothing to queue.
-    if (leftRaw.empty() ||
-        messageLength < kRightImageOffset + std::max(rightRaw.total(), sizeof(unsigned long long))) {
+    if (leftRaw.empty() || messageLength < kRightImageOffset + std::max(rightRaw.total(), sizeof(unsigned long long))) {
         return;
     }
     if (checkLowLight()) {
@@ -282,8 +278,8 @@ void ImageReader::getBinoMat()
 {
     // The configured size must fit the message's image areas; otherwise no
     // message can match it.
-    const bool sizeFits = width > 0 && height > 0 &&
-                          static_cast<uint64_t>(width) * static_cast<uint64_t>(height) <= kImageAreaBytes;
+    const bool sizeFits =
+        width > 0 && height > 0 && static_cast<uint64_t>(width) * static_cast<uint64_t>(height) <= kImageAreaBytes;
     if (sizeFits && messageLength >= kLeftImageOffset) {
         const unsigned char* message = frameBuffer.data();
         const size_t area = static_cast<size_t>(width) * static_cast<size_t>(height);
@@ -361,20 +357,11 @@ int ImageReader::getImageBlock(cv::Mat& leftImage, cv::Mat& rightImage, unsigned
     return 0;
 }
 
-cv::Size ImageReader::getUsedSize()
-{
-    return usedSize;
-}
+cv::Size ImageReader::getUsedSize() { return usedSize; }
 
-cv::Mat ImageReader::getQ()
-{
-    return Q;
-}
+cv::Mat ImageReader::getQ() { return Q; }
 
-void ImageReader::enableRemap(bool enable)
-{
-    remapEnabled.store(enable, std::memory_order_relaxed);
-}
+void ImageReader::enableRemap(bool enable) { remapEnabled.store(enable, std::memory_order_relaxed); }
 
 std::pair<int, int> ImageReader::getBinoStatus()
 {

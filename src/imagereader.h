@@ -68,7 +68,10 @@ public:
         /// Consumer side: the oldest frame, or an empty one if none is queued.
         QueueData pop();
         /// Unconsumed frames; exact only when neither side is active.
-        uint64_t size() const { return pushed.load(std::memory_order_acquire) - popped.load(std::memory_order_acquire); }
+        uint64_t size() const
+        {
+            return pushed.load(std::memory_order_acquire) - popped.load(std::memory_order_acquire);
+        }
 
     private:
         QueueData slots[kCapacity];
@@ -159,8 +162,8 @@ public:
     std::string name;
     Common::Direction direction;
     Source source;
-    int width;   ///< configured camera image width, pixels
-    int height;  ///< configured camera image height, pixels
+    int width;          ///< configured camera image width, pixels
+    int height;         ///< configured camera image height, pixels
     cv::Size usedSize;  ///< size after rotation: (height, width)
     uint32_t imageSize;
     uint32_t blockSize;
@@ -206,6 +209,6 @@ private:
 
     std::mutex stopMutex;
     std::condition_variable stopSignal;
-    bool stopRequested = false;   ///< guarded by stopMutex
+    bool stopRequested = false;    ///< guarded by stopMutex
     std::future<void> threadDone;  ///< ready once the thread has left this object
 };

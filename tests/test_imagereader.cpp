@@ -49,9 +49,9 @@ void putLe(unsigned char* at, uint64_t value, int bytes)
 
 // A frame message of `length` bytes: header size, the sensor images (as far
 // as the message reaches) and the timestamps over each image's first 8 bytes.
-std::vector<unsigned char> message(const cv::Mat& left, const cv::Mat& right, uint64_t leftStamp,
-                                   uint64_t rightStamp, uint32_t headerWidth = kWidth,
-                                   uint32_t headerHeight = kHeight, size_t length = 1045312)
+std::vector<unsigned char> message(const cv::Mat& left, const cv::Mat& right, uint64_t leftStamp, uint64_t rightStamp,
+                                   uint32_t headerWidth = kWidth, uint32_t headerHeight = kHeight,
+                                   size_t length = 1045312)
 {
     std::vector<unsigned char> bytes(std::max<size_t>(length, 1045312), 0);
     putLe(&bytes[4], headerWidth, 4);
@@ -72,10 +72,7 @@ cv::Mat flat(int value, int width = kWidth, int height = kHeight)
 
 // The 8-byte timestamp whose bytes are all `value`: a frame stamped with it
 // keeps its image uniform.
-uint64_t stampOfBytes(unsigned char value)
-{
-    return 0x0101010101010101ull * value;
-}
+uint64_t stampOfBytes(unsigned char value) { return 0x0101010101010101ull * value; }
 
 // Calibration folder contents written by hand, for the cases the simulator
 // never produces.
@@ -165,8 +162,10 @@ TEST_F(ImageReaderTest, RotatesByDirectionIntoTheUsedSize)
             EXPECT_EQ(reader->getUsedSize(), cv::Size(h, w));
             ASSERT_EQ(frame.left.size(), cv::Size(h, w));
             ASSERT_EQ(frame.right.size(), cv::Size(h, w));
-            const cv::Point leftMarker = direction == Common::FRONT ? cv::Point(h - 1 - 3, 10) : cv::Point(3, w - 1 - 10);
-            const cv::Point rightMarker = direction == Common::FRONT ? cv::Point(h - 1 - 5, 20) : cv::Point(5, w - 1 - 20);
+            const cv::Point leftMarker =
+                direction == Common::FRONT ? cv::Point(h - 1 - 3, 10) : cv::Point(3, w - 1 - 10);
+            const cv::Point rightMarker =
+                direction == Common::FRONT ? cv::Point(h - 1 - 5, 20) : cv::Point(5, w - 1 - 20);
             EXPECT_EQ(frame.left.at<uint8_t>(leftMarker), 240);
             EXPECT_EQ(frame.right.at<uint8_t>(rightMarker), 240);
             EXPECT_EQ(cv::countNonZero(frame.left != cv::min(expectedLeft, 240)), 0);
@@ -234,8 +233,7 @@ TEST_F(ImageReaderTest, PassesTimestampsClipsAndRemapsOnRequest)
     ImageReader::QueueData rectified = take();
     cv::Mat R1, R2, P1, P2, Q, map1, map2, expectedLeft, expectedRight;
     cv::stereoRectify(camera, leftDistortion, camera, rightDistortion, cv::Size(kHeight, kWidth),
-                      cv::Mat::eye(3, 3, CV_64F), translation, R1, R2, P1, P2, Q,
-                      cv::CALIB_ZERO_DISPARITY, 0);
+                      cv::Mat::eye(3, 3, CV_64F), translation, R1, R2, P1, P2, Q, cv::CALIB_ZERO_DISPARITY, 0);
     cv::initUndistortRectifyMap(camera, leftDistortion, R1, P1, cv::Size(kHeight, kWidth), CV_16SC2, map1, map2);
     cv::remap(rotatedLeft, expectedLeft, map1, map2, cv::INTER_LINEAR);
     cv::initUndistortRectifyMap(camera, rightDistortion, R2, P2, cv::Size(kHeight, kWidth), CV_16SC2, map1, map2);
@@ -515,8 +513,10 @@ TEST_F(CalibrationTest, IncompleteOrBrokenFilesKeepTheIdentity)
     // Not YAML at all, then matrices of the wrong shape: OpenCV throws inside.
     std::ofstream(intrinsics) << "M1: [unbalanced\n\t: :\n";
     expectIntegerIdentity(load(Common::FRONT)->getQ());
-    writeYaml(intrinsics, {{"M1", cv::Mat::eye(2, 2, CV_64F)}, {"D1", cv::Mat::zeros(1, 5, CV_64F)},
-                           {"M2", camera}, {"D2", cv::Mat::zeros(1, 5, CV_64F)}});
+    writeYaml(intrinsics, {{"M1", cv::Mat::eye(2, 2, CV_64F)},
+                           {"D1", cv::Mat::zeros(1, 5, CV_64F)},
+                           {"M2", camera},
+                           {"D2", cv::Mat::zeros(1, 5, CV_64F)}});
     auto misshapen = load(Common::FRONT);
     EXPECT_EQ(misshapen->loadCalibParams(), -1);
     expectIntegerIdentity(misshapen->getQ());

@@ -29,10 +29,7 @@ volatile sig_atomic_t g_stop = 0;
 // Held here so leak checkers see it as reachable.
 shmmqueue::CMessageQueue* g_queue = nullptr;
 
-void requestStop(int)
-{
-    g_stop = 1;
-}
+void requestStop(int) { g_stop = 1; }
 
 void installSignalHandlers()
 {
@@ -86,10 +83,7 @@ void waitForEmptyRing(int key, std::chrono::milliseconds limit)
     shmdt(address);
 }
 
-bool inRun(uint64_t frame, uint64_t period, uint64_t length)
-{
-    return period > 0 && frame % period >= period - length;
-}
+bool inRun(uint64_t frame, uint64_t period, uint64_t length) { return period > 0 && frame % period >= period - length; }
 
 }  // namespace
 

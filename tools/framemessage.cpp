@@ -31,8 +31,7 @@ void writeImage(const cv::Mat& image, unsigned char* area)
 cv::Mat toSensorOrientation(Common::Direction direction, const cv::Mat& upright)
 {
     cv::Mat sensor;
-    cv::rotate(upright, sensor,
-               direction == Common::FRONT ? cv::ROTATE_90_COUNTERCLOCKWISE : cv::ROTATE_90_CLOCKWISE);
+    cv::rotate(upright, sensor, direction == Common::FRONT ? cv::ROTATE_90_COUNTERCLOCKWISE : cv::ROTATE_90_CLOCKWISE);
     return sensor;
 }
 

@@ -97,17 +97,11 @@ cv::Mat sample(const Texture& texture, cv::Rect area, double shiftPx)
 
 // The obstacle's texture is a separate stream of the same seed, so the two
 // planes never look alike.
-uint32_t obstacleSeed(uint32_t seed)
-{
-    return seed * 2654435761u + 0x9e3779b9u;
-}
+uint32_t obstacleSeed(uint32_t seed) { return seed * 2654435761u + 0x9e3779b9u; }
 
 }  // namespace
 
-double disparityPx(const Rig& rig, double distanceM)
-{
-    return rig.focalPx * (rig.baselineMm / 1000.0) / distanceM;
-}
+double disparityPx(const Rig& rig, double distanceM) { return rig.focalPx * (rig.baselineMm / 1000.0) / distanceM; }
 
 cv::Rect obstacleExtent(const Rig& rig, const SceneSpec& spec)
 {

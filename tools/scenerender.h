@@ -25,7 +25,7 @@ struct Rig {
 struct SceneSpec {
     double backgroundM = 40.0;  ///< distance of the far textured background plane, m
     double obstacleM = 5.0;     ///< distance of the fronto-parallel obstacle plane, m; <= 0: no obstacle
-    cv::Rect obstacleRect;      ///< obstacle extent in the LEFT rotated image, pixels; empty: centred, half width and half height
+    cv::Rect obstacleRect;      ///< extent in the LEFT rotated image, pixels; empty: centred, half size
     uint32_t seed = 1;          ///< texture seed
 };
 
