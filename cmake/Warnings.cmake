@@ -9,3 +9,12 @@ function(bino_project_options target)
     C_VISIBILITY_PRESET hidden
     VISIBILITY_INLINES_HIDDEN ON)
 endfunction()
+
+# bino_shared_library_options(<target>): a shared library must resolve every
+# symbol at link time. Sanitizer runtimes are only present in the final
+# executable, so the check is skipped in sanitizer builds.
+function(bino_shared_library_options target)
+  if(NOT BINOCULAR_SANITIZE)
+    target_link_options(${target} PRIVATE -Wl,--no-undefined)
+  endif()
+endfunction()

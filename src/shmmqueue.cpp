@@ -346,7 +346,9 @@ int CMessageQueue::ReadHead(unsigned char* out, HeadMode mode)
     }
     const uint32_t begin = loadIndex(m_stMemTrunk->begin) & m_nMask;
     const size_t length = PeekLength(begin);
-    if (used - kLengthPrefixSize < length) {
+    // Beyond the bytes behind the prefix, or beyond what SendMessage ever
+    // accepts (so a caller's buffer of capacity - 16 bytes always suffices).
+    if (used - kLengthPrefixSize < length || length > (m_nMask + 1) - 2 * kLengthPrefixSize) {
         SHMQ_REPORT("[%s:%d] ReadHeadMessage usOutLength illegal,usOutLength: %d,nTempMaxLength %d \n", __FILE__,
                     __LINE__, static_cast<int>(length), static_cast<int>(used));
         PrintTrunk();

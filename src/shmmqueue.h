@@ -123,7 +123,9 @@ public:
     /// Removes the oldest message and copies its payload to out, which must
     /// hold the largest payload a producer can send (GetQueueLength() - 16).
     /// Returns the payload length; -1 null out, -3 empty, -4 corrupt ring (the
-    /// whole content is discarded).
+    /// whole content is discarded). A prefix claiming more than
+    /// GetQueueLength() - 16 bytes counts as corrupt, so that buffer size is
+    /// enough whatever a peer wrote.
     int GetMessage(unsigned char* out);
 
     /// As GetMessage but leaves the message (and a corrupt ring) in place.

@@ -427,6 +427,17 @@ TEST_F(QueueRing, PrefixLongerThanTheBytesBehindItEmptiesTheRing)
         << said;
     EXPECT_EQ(raw->trunk().begin, raw->trunk().end);
 
+    // A prefix no producer could have written (more than capacity - 16) in a
+    // nearly full ring: rejected, so a capacity - 16 output buffer is enough.
+    raw->trunk().begin = 0;
+    raw->trunk().end = kSize - 1;
+    const uint64_t almostAll = kSize - 9;
+    std::memcpy(raw->ring(), &almostAll, sizeof almostAll);
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(queue->GetMessage(out), -4);
+    testing::internal::GetCapturedStdout();
+    EXPECT_EQ(raw->trunk().begin, kSize - 1);
+
     // A huge prefix, and indexes a faulty peer pushed out of range, stay inside the ring.
     ASSERT_EQ(queue->SendMessage(message.data(), message.size()), 0);
     const uint64_t huge = ~0ULL;
