@@ -27,7 +27,7 @@ SensorPair sensorPair(int width, int height)
     rig.size = cv::Size(height, width);
     cv::Mat left;
     cv::Mat right;
-    scene::renderPair(rig, scene::SceneSpec(), left, right);
+    scene::renderPair(rig, scene::SceneLayout(), left, right);
     return {camsim::toSensorOrientation(Common::FRONT, left), camsim::toSensorOrientation(Common::FRONT, right)};
 }
 

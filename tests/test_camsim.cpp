@@ -181,9 +181,9 @@ TEST(CamsimSources, ImagePairIsResizedAndSceneApproachesToItsMinimum)
     EXPECT_DOUBLE_EQ(approaching->distanceM(), 2.0);
     cv::Mat expectedLeft;
     cv::Mat expectedRight;
-    scene::SceneSpec spec;
-    spec.obstacleM = 2.0;
-    scene::renderPair(camsim::rigOf(options), spec, expectedLeft, expectedRight);
+    scene::SceneLayout layout;
+    layout.obstacleM = 2.0;
+    scene::renderPair(camsim::rigOf(options), layout, expectedLeft, expectedRight);
     EXPECT_EQ(cv::countNonZero(right != expectedRight), 0);
     ASSERT_TRUE(approaching->next(60.0, left, right));
     EXPECT_EQ(approaching->distanceM(), 1.0);
@@ -276,7 +276,7 @@ TEST_F(CamsimProcessTest, FramesArriveAsTheRenderedSceneInBothDirections)
     scene::Rig rig;
     cv::Mat uprightLeft;
     cv::Mat uprightRight;
-    scene::renderPair(rig, scene::SceneSpec(), uprightLeft, uprightRight);
+    scene::renderPair(rig, scene::SceneLayout(), uprightLeft, uprightRight);
 
     for (Common::Direction direction : {Common::FRONT, Common::DOWN}) {
         const std::string label = Common::binoString(direction);

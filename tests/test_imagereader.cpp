@@ -194,7 +194,7 @@ TEST_F(ImageReaderTest, PassesTimestampsClipsAndRemapsOnRequest)
     scene::Rig rig;
     cv::Mat uprightLeft;
     cv::Mat uprightRight;
-    scene::renderPair(rig, scene::SceneSpec(), uprightLeft, uprightRight);
+    scene::renderPair(rig, scene::SceneLayout(), uprightLeft, uprightRight);
     cv::Mat left;
     cv::Mat right;
     cv::rotate(uprightLeft, left, cv::ROTATE_90_COUNTERCLOCKWISE);

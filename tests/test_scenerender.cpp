@@ -85,14 +85,14 @@ TEST(SceneRender, EachPlaneIsShiftedByItsExactDisparity)
     const scene::Rig rig;
     for (double obstacleM : {3.1, 4.7, 7.3, 12.9}) {
         SCOPED_TRACE(obstacleM);
-        scene::SceneSpec spec;
-        spec.obstacleM = obstacleM;
-        spec.backgroundM = 17.0;
+        scene::SceneLayout layout;
+        layout.obstacleM = obstacleM;
+        layout.backgroundM = 17.0;
         cv::Mat left;
         cv::Mat right;
-        scene::renderPair(rig, spec, left, right);
+        scene::renderPair(rig, layout, left, right);
 
-        const cv::Rect obstacle = scene::obstacleExtent(rig, spec);
+        const cv::Rect obstacle = scene::obstacleExtent(rig, layout);
         const double obstacleShift = scene::disparityPx(rig, obstacleM);
         EXPECT_NEAR(measureShift(left, right, shrink(obstacle, 20), 24), obstacleShift, kShiftTolerancePx);
 
@@ -108,23 +108,23 @@ TEST(SceneRender, EachPlaneIsShiftedByItsExactDisparity)
 TEST(SceneRender, ObstacleCoversItsRectangleInBothViews)
 {
     const scene::Rig rig;
-    scene::SceneSpec spec;
-    spec.obstacleM = 4.0;  // 10 px
-    spec.obstacleRect = cv::Rect(100, 200, 150, 120);
-    scene::SceneSpec bare = spec;
+    scene::SceneLayout layout;
+    layout.obstacleM = 4.0;  // 10 px
+    layout.obstacleRect = cv::Rect(100, 200, 150, 120);
+    scene::SceneLayout bare = layout;
     bare.obstacleM = 0.0;
 
     cv::Mat left;
     cv::Mat right;
     cv::Mat bareLeft;
     cv::Mat bareRight;
-    scene::renderPair(rig, spec, left, right);
+    scene::renderPair(rig, layout, left, right);
     scene::renderPair(rig, bare, bareLeft, bareRight);
 
     cv::Mat leftChanged = left != bareLeft;
     cv::Mat rightChanged = right != bareRight;
-    const cv::Rect inLeft = spec.obstacleRect;
-    const cv::Rect inRight = spec.obstacleRect - cv::Point(10, 0);
+    const cv::Rect inLeft = layout.obstacleRect;
+    const cv::Rect inRight = layout.obstacleRect - cv::Point(10, 0);
     EXPECT_EQ(cv::countNonZero(leftChanged) - cv::countNonZero(leftChanged(inLeft)), 0);
     EXPECT_EQ(cv::countNonZero(rightChanged) - cv::countNonZero(rightChanged(inRight)), 0);
     // Inside, two independent textures coincide on a few pixels at most.
@@ -140,11 +140,11 @@ TEST(SceneRender, TextureIsInRangeTexturedAndSeeded)
     cv::Mat firstLeft;
     for (uint32_t seed : {1u, 2u, 977u}) {
         SCOPED_TRACE(seed);
-        scene::SceneSpec spec;
-        spec.seed = seed;
+        scene::SceneLayout layout;
+        layout.seed = seed;
         cv::Mat left;
         cv::Mat right;
-        scene::renderPair(rig, spec, left, right);
+        scene::renderPair(rig, layout, left, right);
         ASSERT_EQ(left.size(), rig.size);
         ASSERT_EQ(right.size(), rig.size);
         ASSERT_EQ(left.type(), CV_8UC1);
@@ -167,7 +167,7 @@ TEST(SceneRender, TextureIsInRangeTexturedAndSeeded)
         }
         cv::Mat again;
         cv::Mat againRight;
-        scene::renderPair(rig, spec, again, againRight);
+        scene::renderPair(rig, layout, again, againRight);
         EXPECT_EQ(cv::countNonZero(again != left), 0);
         EXPECT_EQ(cv::countNonZero(againRight != right), 0);
     }

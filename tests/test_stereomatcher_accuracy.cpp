@@ -67,12 +67,12 @@ TEST_P(StereoMatcherAccuracy, ObstacleDisparityIsCloseAndMostlyValid)
 {
     const auto [backEnd, distanceM] = GetParam();
     const scene::Rig rig;
-    scene::SceneSpec spec;
-    spec.obstacleM = distanceM;
-    spec.obstacleRect = kObstacle;
+    scene::SceneLayout layout;
+    layout.obstacleM = distanceM;
+    layout.obstacleRect = kObstacle;
     cv::Mat left;
     cv::Mat right;
-    scene::renderPair(rig, spec, left, right);
+    scene::renderPair(rig, layout, left, right);
 
     // The down camera: a front unit matcher would write the debug dump here.
     StereoMatcher matcher(Common::DOWN, backEnd, rig.size);

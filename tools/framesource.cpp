@@ -26,8 +26,8 @@ bool readPlane(std::ifstream& file, uint64_t frame, cv::Mat& plane)
 
 }  // namespace
 
-SceneSource::SceneSource(const scene::Rig& rig, const scene::SceneSpec& spec, double speedMps, double minDistanceM)
-    : m_rig(rig), m_spec(spec), m_startM(spec.obstacleM), m_speedMps(speedMps), m_minDistanceM(minDistanceM)
+SceneSource::SceneSource(const scene::Rig& rig, const scene::SceneLayout& layout, double speedMps, double minDistanceM)
+    : m_rig(rig), m_spec(layout), m_startM(layout.obstacleM), m_speedMps(speedMps), m_minDistanceM(minDistanceM)
 {
 }
 
@@ -102,11 +102,11 @@ std::unique_ptr<FrameSource> makeSource(const Options& options, std::string& err
     const scene::Rig rig = rigOf(options);
     switch (options.source) {
         case SourceKind::Scene: {
-            scene::SceneSpec spec;
-            spec.backgroundM = options.backgroundM;
-            spec.obstacleM = options.distanceM;
-            spec.seed = options.seed;
-            return std::make_unique<SceneSource>(rig, spec, options.speedMps, options.minDistanceM);
+            scene::SceneLayout layout;
+            layout.backgroundM = options.backgroundM;
+            layout.obstacleM = options.distanceM;
+            layout.seed = options.seed;
+            return std::make_unique<SceneSource>(rig, layout, options.speedMps, options.minDistanceM);
         }
         case SourceKind::ImagePair: {
             auto source = std::make_unique<ImagePairSource>(options.leftFile, options.rightFile, rig.size);

@@ -31,13 +31,13 @@ public:
 /// the distance has changed.
 class SceneSource : public FrameSource {
 public:
-    SceneSource(const scene::Rig& rig, const scene::SceneSpec& spec, double speedMps, double minDistanceM);
+    SceneSource(const scene::Rig& rig, const scene::SceneLayout& layout, double speedMps, double minDistanceM);
     bool next(double elapsedS, cv::Mat& left, cv::Mat& right) override;
     double distanceM() const override { return m_spec.obstacleM; }
 
 private:
     scene::Rig m_rig;
-    scene::SceneSpec m_spec;
+    scene::SceneLayout m_spec;
     double m_startM;
     double m_speedMps;
     double m_minDistanceM;

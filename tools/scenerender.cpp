@@ -103,26 +103,26 @@ uint32_t obstacleSeed(uint32_t seed) { return seed * 2654435761u + 0x9e3779b9u; 
 
 double disparityPx(const Rig& rig, double distanceM) { return rig.focalPx * (rig.baselineMm / 1000.0) / distanceM; }
 
-cv::Rect obstacleExtent(const Rig& rig, const SceneSpec& spec)
+cv::Rect obstacleExtent(const Rig& rig, const SceneLayout& layout)
 {
-    cv::Rect rect = spec.obstacleRect;
+    cv::Rect rect = layout.obstacleRect;
     if (rect.empty()) {
         rect = cv::Rect(rig.size.width / 4, rig.size.height / 4, rig.size.width / 2, rig.size.height / 2);
     }
     return rect & cv::Rect(cv::Point(0, 0), rig.size);
 }
 
-void renderPair(const Rig& rig, const SceneSpec& spec, cv::Mat& left, cv::Mat& right)
+void renderPair(const Rig& rig, const SceneLayout& layout, cv::Mat& left, cv::Mat& right)
 {
     const cv::Rect whole(cv::Point(0, 0), rig.size);
-    const Texture background = makeTexture(spec.seed);
+    const Texture background = makeTexture(layout.seed);
     cv::Mat leftGrey = sample(background, whole, 0.0);
-    cv::Mat rightGrey = sample(background, whole, disparityPx(rig, spec.backgroundM));
+    cv::Mat rightGrey = sample(background, whole, disparityPx(rig, layout.backgroundM));
 
-    const cv::Rect rect = obstacleExtent(rig, spec);
-    if (spec.obstacleM > 0.0 && !rect.empty()) {
-        const Texture obstacle = makeTexture(obstacleSeed(spec.seed));
-        const double shift = disparityPx(rig, spec.obstacleM);
+    const cv::Rect rect = obstacleExtent(rig, layout);
+    if (layout.obstacleM > 0.0 && !rect.empty()) {
+        const Texture obstacle = makeTexture(obstacleSeed(layout.seed));
+        const double shift = disparityPx(rig, layout.obstacleM);
         sample(obstacle, rect, 0.0).copyTo(leftGrey(rect));
         // A right pixel x sees the obstacle exactly when x + shift lies in
         // [rect.x, rect.x + width): x from ceil(rect.x - shift) up to, not

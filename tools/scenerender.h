@@ -22,7 +22,7 @@ struct Rig {
     cv::Size size{480, 640};    ///< rotated (matcher's) image size: width 480, height 640
 };
 
-struct SceneSpec {
+struct SceneLayout {
     double backgroundM = 40.0;  ///< distance of the far textured background plane, m
     double obstacleM = 5.0;     ///< distance of the fronto-parallel obstacle plane, m; <= 0: no obstacle
     cv::Rect obstacleRect;      ///< extent in the LEFT rotated image, pixels; empty: centred, half size
@@ -34,14 +34,14 @@ double disparityPx(const Rig& rig, double distanceM);
 
 /// Renders a rectified pair in the rotated (matcher's) frame as CV_8UC1 images
 /// of rig.size. Pixel values stay within 25..235 (mid-grey, never clipped by
-/// the reader's 240 limit). The same rig, spec and seed always give the same
+/// the reader's 240 limit). The same rig, layout and seed always give the same
 /// images. The obstacle hides the background in both views; background
 /// uncovered in one view only (occlusion) is rendered from the background's
 /// texture, as a real camera would see it.
-void renderPair(const Rig& rig, const SceneSpec& spec, cv::Mat& left, cv::Mat& right);
+void renderPair(const Rig& rig, const SceneLayout& layout, cv::Mat& left, cv::Mat& right);
 
-/// The obstacle rectangle renderPair uses for spec (the centred default when
-/// spec.obstacleRect is empty), clipped to the image.
-cv::Rect obstacleExtent(const Rig& rig, const SceneSpec& spec);
+/// The obstacle rectangle renderPair uses for layout (the centred default when
+/// layout.obstacleRect is empty), clipped to the image.
+cv::Rect obstacleExtent(const Rig& rig, const SceneLayout& layout);
 
 }  // namespace scene
