@@ -1,8 +1,5 @@
-// The matcher's contract with the distance logic: decoding of the unit's
-// words, the CV_32F view, the one-time dump, the BM band and its values, and
-// the reserved back end. Front DPU matchers only compute in child processes
-// under a scratch directory: their first frame writes "test.yuv" into the
-// working directory and clears a process-wide flag.
+// The matcher's contract with the distance logic. Front DPU matchers compute
+// only in child processes: a process's first front frame writes "test.yuv".
 
 #include <gtest/gtest.h>
 
@@ -13,10 +10,10 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
-#include <functional>
 #include <iterator>
 #include <limits>
 #include <numeric>
+#include <tuple>
 #include <vector>
 
 #include "stereomatcher.h"
@@ -41,160 +38,102 @@ cv::Mat shiftedRight(const cv::Mat& left, int d)
     return right;
 }
 
-std::vector<char> readFile(const char* name)
+// Each word 0..65535 at its own index (509 x 129 = 65661 words, so the last
+// ones do not fill a whole block): sign bit and 1/64 px magnitude, negative
+// means -1.0; the output is a rows x cols CV_32F view on the matcher's buffer.
+TEST(StereoMatcherDecoding, EveryWordBecomesPixelsInARowMajorView)
 {
-    std::ifstream in(name, std::ios::binary);
-    return std::vector<char>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-// The scenario runs in a fresh child, whose failures are reported here.
-void inChild(const std::function<void()>& scenario)
-{
-    const auto result = testsupport::runInChild([&] {
-        scenario();
-        std::fflush(nullptr);
-        _exit(::testing::Test::HasFailure() ? 1 : 0);
-    });
-    EXPECT_TRUE(result.exited && result.exitCode == 0) << result.output;
-}
-
-TEST(StereoMatcherDecoding, UnitWordsBecomePixelsInARowMajorView)
-{
-    StereoMatcher matcher(Common::DOWN, StereoMatcher::DPU, cv::Size(3, 2));
-    const uint16_t words[] = {0x0040, 0x7FFF, 0x8040, 0x8000, 0x0000, 0xFFFF};
-    std::copy(std::begin(words), std::end(words), matcher.hwDisparity.get());
+    StereoMatcher matcher(Common::DOWN, StereoMatcher::DPU, cv::Size(509, 129));
+    std::iota(matcher.hwDisparity.get(), matcher.hwDisparity.get() + 509 * 129, uint16_t{0});
     cv::Mat disparity;
     matcher.fixed2float(disparity);
-
     ASSERT_EQ(disparity.type(), CV_32F);
-    ASSERT_EQ(disparity.size(), cv::Size(3, 2));
+    ASSERT_EQ(disparity.size(), cv::Size(509, 129));  // 129 rows of 509
     EXPECT_EQ(disparity.data, reinterpret_cast<uchar*>(matcher.disparityBuffer.get()));
-    EXPECT_EQ(disparity.at<float>(0, 0), 1.0f);
-    EXPECT_EQ(disparity.at<float>(0, 1), 511.984375f);
-    EXPECT_EQ(disparity.at<float>(0, 2), -1.0f);
-    EXPECT_EQ(disparity.at<float>(1, 0), 0.0f);
-    EXPECT_TRUE(std::signbit(disparity.at<float>(1, 0)));  // 0x8000 keeps -0.0
-    EXPECT_EQ(disparity.at<float>(1, 1), 0.0f);
-    EXPECT_FALSE(std::signbit(disparity.at<float>(1, 1)));
-    EXPECT_EQ(disparity.at<float>(1, 2), -1.0f);
 
-    // A view, not a copy: the next decoding shows through the earlier result.
-    const cv::Mat earlier = disparity;
-    matcher.hwDisparity[0] = 0x0100;
-    matcher.fixed2float(disparity);
-    EXPECT_EQ(earlier.at<float>(0, 0), 4.0f);
-}
-
-// Every one of the 65536 words against the decoding rule taken step by step:
-// magnitude / 64 in double, negated when flagged, -1.0 if then below zero.
-TEST(StereoMatcherDecoding, EveryWordFollowsTheFlagAndMagnitudeRule)
-{
-    StereoMatcher matcher(Common::DOWN, StereoMatcher::DPU, cv::Size(256, 256));
-    std::iota(matcher.hwDisparity.get(), matcher.hwDisparity.get() + 65536, uint16_t{0});
-    cv::Mat disparity;
-    matcher.fixed2float(disparity);
+    const std::pair<uint16_t, float> named[] = {
+        {0x0040, 1.0f}, {0x7FFF, 511.984375f}, {0x8040, -1.0f}, {0x8000, -0.0f}, {0x0000, 0.0f}};
+    for (const auto& [word, expected] : named) {
+        SCOPED_TRACE(word);
+        const float actual = disparity.at<float>(word / 509, word % 509);
+        EXPECT_EQ(actual, expected);
+        EXPECT_EQ(std::signbit(actual), std::signbit(expected));
+    }
     int mismatches = 0;
-    for (int word = 0; word < 65536; ++word) {
-        double d = (word & 0x7FFF) * 0.015625;
-        if (word & 0x8000) {
-            d = -d;
-        }
+    for (int i = 0; i < 509 * 129; ++i) {
+        const int word = i & 0xFFFF;
+        const double d = (word & 0x8000 ? -1.0 : 1.0) * (word & 0x7FFF) / 64.0;
         const float expected = d < 0 ? -1.0f : static_cast<float>(d);
-        const float actual = disparity.ptr<float>()[word];
-        mismatches += std::memcmp(&expected, &actual, sizeof(float)) != 0;
+        mismatches += std::memcmp(&expected, disparity.ptr<float>() + i, sizeof(float)) != 0;
     }
     EXPECT_EQ(mismatches, 0);
 }
 
-TEST(StereoMatcherDump, FirstFrontFrameIsWrittenOnceWithItsRawWords)
+// Down frames neither write the dump nor use it up; the first front frame
+// writes its raw words padded with zeros to 614400 bytes; later ones never.
+TEST(StereoMatcherDump, OnlyTheFirstFrontFrameIsWritten)
 {
-    inChild([] {
-        testsupport::ScratchRoot scratch;
-        cv::Mat left = noise(kRotated, 1);
-        cv::Mat right = shiftedRight(left, 10);
-        StereoMatcher front(Common::FRONT, StereoMatcher::DPU, kRotated);
-        cv::Mat disparity;
-        front.compute(left, right, disparity, 0);
+    for (cv::Size size : {kRotated, cv::Size(120, 160)}) {
+        SCOPED_TRACE(size);
+        const auto child = testsupport::runInChild([size] {
+            [size] {  // an ASSERT leaves only this inner scenario
+                testsupport::ScratchRoot scratch;
+                cv::Mat left = noise(size, 1);
+                cv::Mat right = shiftedRight(left, 6);
+                cv::Mat disparity;
+                StereoMatcher down(Common::DOWN, StereoMatcher::DPU, size);
+                down.compute(left, right, disparity, 0);
+                down.compute(left, right, disparity, 0);
+                EXPECT_EQ(access("test.yuv", F_OK), -1);
 
-        const std::vector<char> dump = readFile("test.yuv");
-        ASSERT_EQ(dump.size(), 614400u);
-        EXPECT_EQ(std::memcmp(dump.data(), front.hwDisparity.get(), dump.size()), 0);
+                StereoMatcher front(Common::FRONT, StereoMatcher::DPU, size);
+                front.compute(left, right, disparity, 0);
+                std::ifstream in("test.yuv", std::ios::binary);
+                const std::vector<char> dump{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+                ASSERT_EQ(dump.size(), 614400u);
+                const size_t imageBytes = size.area() * sizeof(uint16_t);
+                EXPECT_EQ(std::memcmp(dump.data(), front.hwDisparity.get(), imageBytes), 0);
+                EXPECT_TRUE(std::all_of(dump.begin() + imageBytes, dump.end(), [](char byte) { return byte == 0; }));
 
-        std::remove("test.yuv");
-        front.compute(left, right, disparity, 0);
-        StereoMatcher another(Common::FRONT, StereoMatcher::DPU, kRotated);
-        another.compute(left, right, disparity, 0);
-        EXPECT_EQ(access("test.yuv", F_OK), -1);
-    });
+                std::remove("test.yuv");
+                front.compute(left, right, disparity, 0);
+                StereoMatcher another(Common::FRONT, StereoMatcher::DPU, size);
+                another.compute(left, right, disparity, 0);
+                EXPECT_EQ(access("test.yuv", F_OK), -1);
+            }();
+            std::fflush(nullptr);
+            _exit(::testing::Test::HasFailure() ? 1 : 0);
+        });
+        EXPECT_TRUE(child.exited && child.exitCode == 0) << child.output;
+    }
 }
 
-// 307200 words are written whatever the size; past a smaller image they are 0.
-TEST(StereoMatcherDump, SmallerImageStillDumps640By480Words)
-{
-    inChild([] {
-        testsupport::ScratchRoot scratch;
-        const cv::Size size(120, 160);
-        cv::Mat left = noise(size, 2);
-        cv::Mat right = shiftedRight(left, 4);
-        StereoMatcher front(Common::FRONT, StereoMatcher::DPU, size);
-        cv::Mat disparity;
-        front.compute(left, right, disparity, 0);
-
-        const std::vector<char> dump = readFile("test.yuv");
-        ASSERT_EQ(dump.size(), 614400u);
-        const size_t imageBytes = size.area() * sizeof(uint16_t);
-        EXPECT_EQ(std::memcmp(dump.data(), front.hwDisparity.get(), imageBytes), 0);
-        EXPECT_TRUE(std::all_of(dump.begin() + imageBytes, dump.end(), [](char byte) { return byte == 0; }));
-    });
-}
-
-TEST(StereoMatcherDump, DownCameraNeverWritesNorUsesUpTheFrontDump)
-{
-    inChild([] {
-        testsupport::ScratchRoot scratch;
-        cv::Mat left = noise(kRotated, 3);
-        cv::Mat right = shiftedRight(left, 6);
-        StereoMatcher down(Common::DOWN, StereoMatcher::DPU, kRotated);
-        cv::Mat disparity;
-        down.compute(left, right, disparity, 0);
-        down.compute(left, right, disparity, 0);
-        EXPECT_EQ(access("test.yuv", F_OK), -1);
-
-        StereoMatcher front(Common::FRONT, StereoMatcher::DPU, kRotated);
-        front.compute(left, right, disparity, 0);
-        EXPECT_EQ(readFile("test.yuv").size(), 614400u);
-    });
-}
-
-TEST(StereoMatcherROI, PitchChoosesTheBandOfA480By640Image)
+// The band for each pitch on a 480x640 image, also next to each threshold; the
+// middle threshold, 98 / (rows / 40), follows the row count.
+TEST(StereoMatcherROI, PitchChoosesTheBand)
 {
     StereoMatcher matcher(Common::FRONT, StereoMatcher::NPU, kRotated);
     const float nan = std::numeric_limits<float>::quiet_NaN();
     const float inf = std::numeric_limits<float>::infinity();
-    struct Case {
-        float pitch;
-        int y;
-        int height;
-    };
-    const Case cases[] = {
-        {0.0f, 40, 280},        {3.0f, 80, 280},         {6.125f, 120, 240},  {16.333334f, 120, 280},
-        {20.0f, 120, 280},      {-10.0f, 40, 280},       {-16.333334f, 0, 280}, {nan, 0, 280},
+    // clang-format off
+    const std::tuple<float, int, int> cases[] = {  // pitch, y, height
+        {0.0f, 40, 280}, {3.0f, 80, 280}, {6.125f, 120, 240}, {16.333334f, 120, 280}, {20.0f, 120, 280},
+        {-10.0f, 40, 280}, {-16.333334f, 0, 280}, {nan, 0, 280},
         // next to each threshold
-        {std::nextafter(6.125f, 0.0f), 80, 280},         {std::nextafter(16.333334f, 0.0f), 120, 240},
-        {std::nextafter(-16.333334f, 0.0f), 40, 280},    {std::numeric_limits<float>::denorm_min(), 80, 280},
-        {-0.0f, 40, 280},       {inf, 120, 280},         {-inf, 0, 280},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.pitch);
-        EXPECT_EQ(matcher.decideROI(c.pitch, kRotated.height, kRotated.width), cv::Rect(80, c.y, 320, c.height));
+        {std::nextafter(6.125f, 0.0f), 80, 280}, {std::nextafter(16.333334f, 0.0f), 120, 240},
+        {std::nextafter(-16.333334f, 0.0f), 40, 280}, {std::numeric_limits<float>::denorm_min(), 80, 280},
+        {-0.0f, 40, 280}, {inf, 120, 280}, {-inf, 0, 280}};
+    // clang-format on
+    for (const auto& [pitch, y, height] : cases) {
+        SCOPED_TRACE(pitch);
+        EXPECT_EQ(matcher.decideROI(pitch, kRotated.height, kRotated.width), cv::Rect(80, y, 320, height));
     }
-    // The middle threshold follows the row count: 98 / (480 / 40) = 8.1666...
     EXPECT_EQ(matcher.decideROI(8.0f, 480, 640), cv::Rect(80, 80, 480, 280));
     EXPECT_EQ(matcher.decideROI(8.2f, 480, 640), cv::Rect(80, 120, 480, 240));
 }
 
-// Given noise shifted by 8 px with a flat patch, BM gives whole pixels in the
-// band (8 where it matches, -1 where it cannot) and 0 everywhere else.
+// Given noise shifted by 8 px with a flat patch, BM gives 8 where it matches,
+// -1 where it cannot (the flat patch) inside the band and 0 everywhere else.
 TEST(StereoMatcherBM, BandHoldsWholePixelsOrMinusOneAndTheRestIsZero)
 {
     StereoMatcher matcher(Common::FRONT, StereoMatcher::BM, kRotated);
@@ -207,21 +146,18 @@ TEST(StereoMatcherBM, BandHoldsWholePixelsOrMinusOneAndTheRestIsZero)
         cv::Mat disparity;
         EXPECT_EQ(matcher.compute(left, right, disparity, 0), 0);
         ASSERT_EQ(disparity.type(), CV_16S);
-        ASSERT_EQ(disparity.size(), kRotated);
-
         const cv::Rect band = matcher.decideROI(pitch, kRotated.height, kRotated.width);
         cv::Mat outside = disparity.clone();
         outside(band).setTo(0);
         EXPECT_EQ(cv::countNonZero(outside), 0);
-        const cv::Mat inside = disparity(band);
-        const int matched = cv::countNonZero(inside == 8);
-        const int unmatched = cv::countNonZero(inside == -1);
-        EXPECT_EQ(matched + unmatched, band.area());
+        const int matched = cv::countNonZero(disparity(band) == 8);
+        EXPECT_EQ(matched + cv::countNonZero(disparity(band) == -1), band.area());
         EXPECT_GT(matched, band.area() / 3);  // 65 px blocks leave the band's rim unmatched
-        EXPECT_EQ(disparity.at<int16_t>(210, 260), -1);  // middle of the flat patch
+        EXPECT_EQ(disparity.at<int16_t>(210, 260), -1);
     }
 }
 
+// NPU and unknown matchers return 0 and leave the output as it was.
 TEST(StereoMatcherReserved, NpuAndUnknownMatchersLeaveTheOutputUntouched)
 {
     cv::Mat left = noise(kRotated, 5);
@@ -229,8 +165,6 @@ TEST(StereoMatcherReserved, NpuAndUnknownMatchersLeaveTheOutputUntouched)
     for (int value : {2, 3, -1}) {
         SCOPED_TRACE(value);
         StereoMatcher matcher(Common::FRONT, static_cast<StereoMatcher::Matcher>(value), kRotated);
-        EXPECT_FALSE(matcher.bm);
-        EXPECT_FALSE(matcher.hwDisparity);
         cv::Mat disparity(4, 4, CV_16S, cv::Scalar(7));
         const uchar* data = disparity.data;
         EXPECT_EQ(matcher.compute(left, right, disparity, 0), 0);
@@ -239,24 +173,8 @@ TEST(StereoMatcherReserved, NpuAndUnknownMatchersLeaveTheOutputUntouched)
     }
 }
 
-TEST(StereoMatcherInit, LogsItsBackEndAtDebugLevel)
-{
-    testsupport::LogCapture capture;
-    StereoMatcher matcher(Common::DOWN, StereoMatcher::BM, kRotated);
-    const auto records = capture.records();
-    ASSERT_EQ(records.size(), 1u);
-    EXPECT_EQ(records[0].message, "[BINOLIB] [down] StereoMatcher matcher: 1");
-    EXPECT_EQ(records[0].level, binolog::DEBUG);
-    EXPECT_EQ(records[0].file, "src/stereomatcher.cpp");
-}
-
-TEST(StereoMatcherInit, SizeWithoutAPixelCountThrowsBadArrayLength)
-{
-    EXPECT_THROW(StereoMatcher(Common::DOWN, StereoMatcher::DPU, cv::Size(-2, 10)), std::bad_array_new_length);
-}
-
-// The unit would read past images of another size; the frame then reports no
-// disparity at all instead of the previous frame's.
+// Images the unit would read past give a frame of invalid pixels only, not
+// the previous frame's; a size without a pixel count is refused.
 TEST(StereoMatcherDPU, ImagesOfAnotherSizeGiveOnlyInvalidPixels)
 {
     testsupport::LogCapture capture;
@@ -267,6 +185,7 @@ TEST(StereoMatcherDPU, ImagesOfAnotherSizeGiveOnlyInvalidPixels)
     matcher.compute(small, small, disparity, 0);
     EXPECT_EQ(cv::countNonZero(disparity != -1.0f), 0);
     EXPECT_EQ(capture.count("do not match"), 1u);
+    EXPECT_THROW(StereoMatcher(Common::DOWN, StereoMatcher::DPU, cv::Size(-2, 10)), std::bad_array_new_length);
 }
 
 }  // namespace
