@@ -10,12 +10,14 @@
 #include <memory>
 #include <vector>
 
+#include "imagereader.h"
 #include "shmmqueue.h"
 
 namespace {
 
-constexpr size_t kFrameMessage = 1044492;  // 12-byte head + two 640x480 images + the fixed gap
-constexpr size_t kRingRequest = 1045312;
+// A whole frame message: header and both image areas filled (1,044,492 bytes).
+constexpr size_t kFrameMessage = ImageReader::kRightImageOffset + ImageReader::kImageAreaBytes;
+constexpr size_t kRingRequest = ImageReader::kFrameMessageBytes;  // the frame reader's request
 
 std::vector<unsigned char> frameBytes()
 {

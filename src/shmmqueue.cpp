@@ -282,7 +282,7 @@ int CMessageQueue::SendMessage(unsigned char* data, size_t length)
     const uint32_t freeSize = GetFreeSize();
     // freeSize can only exceed capacity - 8 when a peer corrupted the header;
     // the capacity bound keeps the copy inside the ring even then.
-    if (freeSize == 0 || freeSize < kLengthPrefixSize || length > freeSize - kLengthPrefixSize ||
+    if (freeSize < kLengthPrefixSize || length > freeSize - kLengthPrefixSize ||
         length > capacity - 2 * kLengthPrefixSize) {
         return -2;
     }

@@ -21,12 +21,14 @@
 #include <string>
 #include <vector>
 
+#include "imagereader.h"
 #include "shmmqueue.h"
 
 namespace {
 
-constexpr size_t kRingRequest = 1045312;
-constexpr size_t kFrameMessage = 1044492;
+constexpr size_t kRingRequest = ImageReader::kFrameMessageBytes;  // the frame reader's request
+// A whole frame message: header and both image areas filled (1,044,492 bytes).
+constexpr size_t kFrameMessage = ImageReader::kRightImageOffset + ImageReader::kImageAreaBytes;
 
 volatile sig_atomic_t g_stop = 0;
 
