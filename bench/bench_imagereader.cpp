@@ -12,6 +12,7 @@
 #include "framemessage.h"
 #include "imagereader.h"
 #include "scenerender.h"
+#include "framelayout.h"
 
 namespace {
 
@@ -47,11 +48,11 @@ void BM_PollerFrame(benchmark::State& state)
     const int width = static_cast<int>(state.range(0));
     const int height = static_cast<int>(state.range(1));
     // No source: no thread and no queue; the benchmark plays the poller.
-    ImageReader reader(Common::FRONT, static_cast<ImageReader::Source>(2), width, height);
+    ImageReader reader(Common::FRONT, ImageReader::NONE, width, height);
     const SensorPair pair = sensorPair(width, height);
     camsim::encodeFrameMessage(pair.left, pair.right, 1, 1, static_cast<uint32_t>(width), static_cast<uint32_t>(height),
                                reader.frameBuffer);
-    reader.frameBuffer.resize(ImageReader::kFrameMessageBytes);
+    reader.frameBuffer.resize(framelayout::kMessageBytes);
 
     // A slightly distorted rig, so remap interpolates every pixel.
     const cv::Size used = reader.getUsedSize();
@@ -66,7 +67,7 @@ void BM_PollerFrame(benchmark::State& state)
 
     ImageReader::QueueData frame;
     for (auto _ : state) {
-        reader.processMessage(ImageReader::kFrameMessageBytes);
+        reader.processMessage(framelayout::kMessageBytes);
         // The consumer's take keeps the queue from filling up; it is a
         // semaphore step and a move.
         reader.getImageBlock(frame.left, frame.right, frame.leftTimestamp, frame.rightTimestamp);

@@ -12,12 +12,13 @@
 
 #include "imagereader.h"
 #include "shmmqueue.h"
+#include "framelayout.h"
 
 namespace {
 
 // A whole frame message: header and both image areas filled (1,044,492 bytes).
-constexpr size_t kFrameMessage = ImageReader::kRightImageOffset + ImageReader::kImageAreaBytes;
-constexpr size_t kRingRequest = ImageReader::kFrameMessageBytes;  // the frame reader's request
+constexpr size_t kFrameMessage = framelayout::kRightImageOffset + framelayout::kImageAreaBytes;
+constexpr size_t kRingRequest = framelayout::kMessageBytes;  // the frame reader's request
 
 std::vector<unsigned char> frameBytes()
 {

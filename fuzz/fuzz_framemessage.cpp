@@ -22,33 +22,21 @@
 
 #include <opencv2/calib3d.hpp>
 
+#include "framelayout.h"
 #include "imagereader.h"
+#include "littleendian.h"
 
 namespace {
 
-constexpr ImageReader::Source kNoSource = static_cast<ImageReader::Source>(2);
 constexpr size_t kRingBytes = 1048576;  // what the reader's queue request rounds up to
 
 // Configured sizes: regular, odd, tiny, empty and impossible ones.
 constexpr int kSizes[8][2] = {{640, 480}, {37, 23}, {16, 16}, {1, 1}, {0, 0}, {1000, 1000}, {723, 723}, {8, 1}};
 
-uint32_t readU32(const uint8_t* bytes)
-{
-    return static_cast<uint32_t>(bytes[0]) | static_cast<uint32_t>(bytes[1]) << 8 |
-           static_cast<uint32_t>(bytes[2]) << 16 | static_cast<uint32_t>(bytes[3]) << 24;
-}
-
-void writeU32(unsigned char* at, uint32_t value)
-{
-    for (int i = 0; i < 4; ++i) {
-        at[i] = static_cast<unsigned char>(value >> (8 * i));
-    }
-}
-
 void enableRemap(ImageReader& reader)
 {
     const cv::Size used = reader.getUsedSize();
-    if (used.width <= 0 || used.height <= 0 || used.area() > static_cast<int>(ImageReader::kImageAreaBytes)) {
+    if (used.width <= 0 || used.height <= 0 || used.area() > static_cast<int>(framelayout::kImageAreaBytes)) {
         return;
     }
     const cv::Mat camera = (cv::Mat_<double>(3, 3) << 300, 0, used.width / 2.0, 0, 300, used.height / 2.0, 0, 0, 1);
@@ -101,13 +89,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     const auto direction = static_cast<Common::Direction>(config & 1);
     const int width = kSizes[(config >> 1) & 7][0];
     const int height = kSizes[(config >> 1) & 7][1];
-    ImageReader reader(direction, kNoSource, width, height);
+    ImageReader reader(direction, ImageReader::NONE, width, height);
     reader.frameBuffer.assign(kRingBytes, 0);
     if (config & 0x10) {
         enableRemap(reader);
     }
     const size_t area = static_cast<size_t>(std::max(width, 0)) * static_cast<size_t>(std::max(height, 0));
-    const size_t minimum = ImageReader::kRightImageOffset + std::max<size_t>(area, 8);
+    const size_t minimum = framelayout::kRightImageOffset + std::max<size_t>(area, 8);
 
     size_t at = 1;
     while (at + 13 <= size) {
@@ -115,34 +103,34 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         at += 13;
         // Boundary lengths most of the time, any length otherwise; the
         // largest is what a corrupt ring can deliver (capacity - 9).
-        const size_t lengths[] = {ImageReader::kFrameMessageBytes, minimum, minimum - 1, kRingBytes - 9};
+        const size_t lengths[] = {framelayout::kMessageBytes, minimum, minimum - 1, kRingBytes - 9};
         size_t length = chunk[0] % 6 < 4 ? lengths[chunk[0] % 6]
-                                         : (static_cast<size_t>(readU32(chunk) >> 8) * 131) % (kRingBytes - 8);
+                                         : (static_cast<size_t>(le::load32(chunk) >> 8) * 131) % (kRingBytes - 8);
         length = std::min(length, reader.frameBuffer.size());
         unsigned char* buffer = reader.frameBuffer.data();
         // Header: the configured size (a well-formed message) or the input's.
         const bool ownHeader = chunk[1] & 1;
         const size_t headerEnd = std::min<size_t>(length, 12);
         unsigned char header[12] = {};
-        writeU32(header + 4, ownHeader ? readU32(chunk + 3) : static_cast<uint32_t>(width));
-        writeU32(header + 8, ownHeader ? readU32(chunk + 7) : static_cast<uint32_t>(height));
+        le::store32(header + 4, ownHeader ? le::load32(chunk + 3) : static_cast<uint32_t>(width));
+        le::store32(header + 8, ownHeader ? le::load32(chunk + 7) : static_cast<uint32_t>(height));
         std::memcpy(buffer, header, headerEnd);
-        if (length > ImageReader::kLeftImageOffset) {
-            std::memset(buffer + ImageReader::kLeftImageOffset, chunk[11],
-                        std::min(length, ImageReader::kRightImageOffset) - ImageReader::kLeftImageOffset);
+        if (length > framelayout::kLeftImageOffset) {
+            std::memset(buffer + framelayout::kLeftImageOffset, chunk[11],
+                        std::min(length, framelayout::kRightImageOffset) - framelayout::kLeftImageOffset);
         }
-        if (length > ImageReader::kRightImageOffset) {
-            std::memset(buffer + ImageReader::kRightImageOffset, chunk[12], length - ImageReader::kRightImageOffset);
+        if (length > framelayout::kRightImageOffset) {
+            std::memset(buffer + framelayout::kRightImageOffset, chunk[12], length - framelayout::kRightImageOffset);
         }
         const size_t extra = std::min<size_t>({32, size - at, length > 12 ? length - 12 : 0});
-        std::memcpy(buffer + ImageReader::kLeftImageOffset, data + at, extra);
+        std::memcpy(buffer + framelayout::kLeftImageOffset, data + at, extra);
         at += extra;
 
         ASAN_POISON_MEMORY_REGION(buffer + length, reader.frameBuffer.size() - length);
         reader.processMessage(length);
         ASAN_UNPOISON_MEMORY_REGION(buffer + length, reader.frameBuffer.size() - length);
 
-        if (reader.frames.size() > 2 || reader.getBinoStatus().first == 1) {
+        if (reader.frames.size() > 2 || reader.getBinoStatus().first == ImageReader::NO_FRAMES) {
             std::abort();
         }
         if (chunk[2] & 1) {

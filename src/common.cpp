@@ -13,4 +13,6 @@ std::string binoString(Direction direction)
     return std::string();
 }
 
+std::string logPrefix(Direction direction) { return "[BINOLIB] [" + binoString(direction) + "]"; }
+
 }  // namespace Common

@@ -18,6 +18,10 @@ enum Direction : int {
 /// configuration section, the log prefix and the file names of a pair.
 std::string binoString(Direction direction);
 
+/// "[BINOLIB] [" + binoString(direction) + "]": the first word of every log
+/// line of a camera object ("[BINOLIB] [front]").
+std::string logPrefix(Direction direction);
+
 /// Flight state as the pipelines see it. Angles and speeds are the host's
 /// hundredths already scaled by 0.01.
 struct FlyInfo {

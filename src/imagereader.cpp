@@ -12,11 +12,13 @@
 
 #include "binolog.h"
 #include "paths.h"
+#include "framelayout.h"
+#include "littleendian.h"
 
 namespace {
 
-constexpr long kPollPeriodUs = 5000;
-constexpr long kSocketSleepUs = 1000000;
+constexpr std::chrono::microseconds kPollPeriod(5000);
+constexpr std::chrono::microseconds kSocketSleep(1000000);
 
 // A left image whose mean grey level is at or below kDarkMean is dark. The
 // first dark frame arms the detector; low light is declared once more than
@@ -31,17 +33,6 @@ constexpr const char* kIntrinsicsFile = "intrinsicsBino.yml";
 constexpr const char* kExtrinsicsFile = "extrinsicsBino.yml";
 constexpr const char* kLeftTableFile = "leftLut.dat";
 constexpr const char* kRightTableFile = "rightLut.dat";
-
-uint32_t readU32le(const unsigned char* bytes)
-{
-    return static_cast<uint32_t>(bytes[0]) | static_cast<uint32_t>(bytes[1]) << 8 |
-           static_cast<uint32_t>(bytes[2]) << 16 | static_cast<uint32_t>(bytes[3]) << 24;
-}
-
-uint64_t readU64le(const unsigned char* bytes)
-{
-    return static_cast<uint64_t>(readU32le(bytes)) | static_cast<uint64_t>(readU32le(bytes + 4)) << 32;
-}
 
 // Turns an 8-bit image by 90 degrees, exactly as cv::rotate does, at about
 // 2.5 times its speed: 16x16 blocks are transposed in vector registers (SSE2
@@ -120,7 +111,7 @@ ImageReader::QueueData ImageReader::FrameRing::pop()
 
 ImageReader::ImageReader(Common::Direction cameraDirection, Source frameSource, int configuredWidth,
                          int configuredHeight)
-    : name("[BINOLIB] [" + Common::binoString(cameraDirection) + "]"),
+    : name(Common::logPrefix(cameraDirection)),
       direction(cameraDirection),
       source(frameSource),
       width(configuredWidth),
@@ -137,14 +128,7 @@ ImageReader::ImageReader(Common::Direction cameraDirection, Source frameSource, 
 
 ImageReader::~ImageReader()
 {
-    {
-        std::lock_guard<std::mutex> lock(stopMutex);
-        stopRequested = true;
-    }
-    stopSignal.notify_all();
-    if (threadDone.valid()) {
-        threadDone.wait();
-    }
+    worker.stop();
     delete queue;
 }
 
@@ -175,10 +159,10 @@ void ImageReader::initSource(Source frameSource)
 void ImageReader::initShm()
 {
     int key = getShmKey();
-    queue = shmmqueue::CMessageQueue::CreateInstance(key, kFrameMessageBytes, shmmqueue::SINGLE_READER_SINGLE_WRITER);
+    queue = shmmqueue::CMessageQueue::CreateInstance(key, framelayout::kMessageBytes, shmmqueue::SINGLE_READER_SINGLE_WRITER);
     // A payload never exceeds the ring's capacity, however the producer
     // behaves; the queue copies without knowing this buffer's size.
-    frameBuffer.assign(std::max<size_t>(kFrameMessageBytes, queue->GetQueueLength()), 0);
+    frameBuffer.assign(std::max<size_t>(framelayout::kMessageBytes, queue->GetQueueLength()), 0);
     startThread(&ImageReader::shmRun);
 }
 
@@ -188,30 +172,16 @@ int ImageReader::getShmKey()
 {
     switch (direction) {
         case Common::FRONT:
-            return kFrontShmKey;
+            return framelayout::kFrontQueueKey;
         case Common::DOWN:
-            return kDownShmKey;
+            return framelayout::kDownQueueKey;
         default:
             BINO_ERROR("%s getShmKey error.", name.c_str());
             return -1;
     }
 }
 
-void ImageReader::startThread(void (ImageReader::*body)())
-{
-    std::promise<void> done;
-    threadDone = done.get_future();
-    std::thread([this, body, done = std::move(done)]() mutable {
-        (this->*body)();
-        done.set_value();
-    }).detach();
-}
-
-bool ImageReader::sleepOrStop(long microseconds)
-{
-    std::unique_lock<std::mutex> lock(stopMutex);
-    return !stopSignal.wait_for(lock, std::chrono::microseconds(microseconds), [this] { return stopRequested; });
-}
+void ImageReader::startThread(void (ImageReader::*body)()) { worker.start([this, body] { (this->*body)(); }); }
 
 void ImageReader::shmRun()
 {
@@ -220,12 +190,12 @@ void ImageReader::shmRun()
     do {
         pollOnce();
         polls.fetch_add(1, std::memory_order_release);
-    } while (sleepOrStop(kPollPeriodUs));
+    } while (worker.sleepFor(kPollPeriod));
 }
 
 void ImageReader::socketRun()
 {
-    while (sleepOrStop(kSocketSleepUs)) {
+    while (worker.sleepFor(kSocketSleep)) {
     }
 }
 
@@ -256,7 +226,7 @@ void ImageReader::processMessage(size_t length)
     // it is long enough to hold what they read: bytes beyond the message are
     // left over from an older one. Before the first good message there are
     // no views and nothing to queue.
-    if (leftRaw.empty() || messageLength < kRightImageOffset + std::max(rightRaw.total(), sizeof(unsigned long long))) {
+    if (leftRaw.empty() || messageLength < framelayout::kRightImageOffset + std::max(rightRaw.total(), sizeof(unsigned long long))) {
         return;
     }
     if (checkLowLight()) {
@@ -279,17 +249,17 @@ void ImageReader::getBinoMat()
     // The configured size must fit the message's image areas; otherwise no
     // message can match it.
     const bool sizeFits =
-        width > 0 && height > 0 && static_cast<uint64_t>(width) * static_cast<uint64_t>(height) <= kImageAreaBytes;
-    if (sizeFits && messageLength >= kLeftImageOffset) {
+        width > 0 && height > 0 && static_cast<uint64_t>(width) * static_cast<uint64_t>(height) <= framelayout::kImageAreaBytes;
+    if (sizeFits && messageLength >= framelayout::kLeftImageOffset) {
         const unsigned char* message = frameBuffer.data();
         const size_t area = static_cast<size_t>(width) * static_cast<size_t>(height);
-        if (readU32le(message + kWidthOffset) == static_cast<uint32_t>(width) &&
-            readU32le(message + kHeightOffset) == static_cast<uint32_t>(height) &&
-            messageLength >= kRightImageOffset + std::max(area, sizeof(unsigned long long))) {
-            leftRaw = cv::Mat(height, width, CV_8UC1, frameBuffer.data() + kLeftImageOffset);
-            rightRaw = cv::Mat(height, width, CV_8UC1, frameBuffer.data() + kRightImageOffset);
-            leftTimestamp = readU64le(message + kLeftImageOffset);
-            rightTimestamp = readU64le(message + kRightImageOffset);
+        if (le::load32(message + framelayout::kWidthOffset) == static_cast<uint32_t>(width) &&
+            le::load32(message + framelayout::kHeightOffset) == static_cast<uint32_t>(height) &&
+            messageLength >= framelayout::kRightImageOffset + std::max(area, sizeof(unsigned long long))) {
+            leftRaw = cv::Mat(height, width, CV_8UC1, frameBuffer.data() + framelayout::kLeftImageOffset);
+            rightRaw = cv::Mat(height, width, CV_8UC1, frameBuffer.data() + framelayout::kRightImageOffset);
+            leftTimestamp = le::load64(message + framelayout::kLeftImageOffset);
+            rightTimestamp = le::load64(message + framelayout::kRightImageOffset);
             return;
         }
     }
@@ -365,13 +335,13 @@ void ImageReader::enableRemap(bool enable) { remapEnabled.store(enable, std::mem
 
 std::pair<int, int> ImageReader::getBinoStatus()
 {
-    int hardware = 0;
+    int hardware = FRAMES_ARRIVING;
     if (noImage.load(std::memory_order_relaxed)) {
-        hardware = 1;
+        hardware = NO_FRAMES;
     } else if (lowLight.load(std::memory_order_relaxed)) {
-        hardware = 2;
+        hardware = LOW_LIGHT;
     }
-    return {hardware, calibOk.load(std::memory_order_relaxed) ? 0 : 1};
+    return {hardware, calibOk.load(std::memory_order_relaxed) ? CALIB_PRESENT : CALIB_MISSING};
 }
 
 std::string ImageReader::calibFile(const char* fileName) const

@@ -6,23 +6,15 @@
 // calibration (the reprojection matrix Q and the rectification maps) and its
 // health for the status report.
 //
-// Frame message (one queue payload, little-endian):
-//   offset 4       u32  image width, pixels
-//   offset 8       u32  image height, pixels
-//   offset 12      width*height bytes, left image (8-bit grey, rows packed)
-//   offset 522252  width*height bytes, right image
-// The first 8 bytes of each image area are also that image's u64 timestamp
-// (camera clock); they stay part of the image.
+// The frame message layout is in framelayout.h.
 //
 // Thread-safety: one polling thread writes the image and detector fields;
 // one consumer thread calls getImageBlock(); getBinoStatus() and getQ() may be
 // called from any thread. Everything else is for the constructing thread.
 
 #include <atomic>
-#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
-#include <future>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -33,6 +25,7 @@
 
 #include "common.h"
 #include "shmmqueue.h"
+#include "stoppablethread.h"
 #include "unnamedsemaphore.h"
 
 class ImageReader {
@@ -40,6 +33,20 @@ public:
     enum Source : int {
         SHM = 0,     ///< frames from the camera's shared-memory queue
         SOCKET = 1,  ///< placeholder: a thread that only sleeps, no frames ever
+        NONE = 2,    ///< no frame source: no thread, no queue (any other value acts alike)
+    };
+
+    /// First value of getBinoStatus(): the camera's health.
+    enum HardwareStatus : int {
+        FRAMES_ARRIVING = 0,
+        NO_FRAMES = 1,  ///< 100 empty polls in a row; wins over LOW_LIGHT
+        LOW_LIGHT = 2,  ///< seven dark frames in a row
+    };
+
+    /// Second value of getBinoStatus().
+    enum CalibStatus : int {
+        CALIB_PRESENT = 0,  ///< all four calibration files exist
+        CALIB_MISSING = 1,
     };
 
     /// One queued frame: deep copies, so the poller never touches them again.
@@ -78,17 +85,6 @@ public:
         std::atomic<uint64_t> pushed{0};
         std::atomic<uint64_t> popped{0};
     };
-
-    // Frame message layout, bytes.
-    static constexpr size_t kFrameMessageBytes = 1045312;  ///< queue request and largest regular message
-    static constexpr size_t kWidthOffset = 4;
-    static constexpr size_t kHeightOffset = 8;
-    static constexpr size_t kLeftImageOffset = 12;
-    static constexpr size_t kRightImageOffset = 522252;
-    static constexpr size_t kImageAreaBytes = 522240;  ///< room per image; width * height must fit
-
-    static constexpr int kFrontShmKey = 9990;
-    static constexpr int kDownShmKey = 9991;
 
     /// Logs the configuration, loads the calibration and starts the source's
     /// thread. With SHM a failure to create the shared memory ends the process.
@@ -200,15 +196,8 @@ private:
     /// direction.
     std::string calibFile(const char* fileName) const;
     void startThread(void (ImageReader::*body)());
-    /// Sleeps for `microseconds` or until the destructor asks the thread to
-    /// stop; false once stopping.
-    bool sleepOrStop(long microseconds);
 
     size_t messageLength = 0;  ///< bytes of the message now in frameBuffer
     std::atomic<uint64_t> polls{0};
-
-    std::mutex stopMutex;
-    std::condition_variable stopSignal;
-    bool stopRequested = false;    ///< guarded by stopMutex
-    std::future<void> threadDone;  ///< ready once the thread has left this object
+    StoppableThread worker;  ///< the source's thread; declared last, stopped first
 };

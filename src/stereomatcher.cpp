@@ -81,7 +81,7 @@ void decodeWords(const uint16_t* words, float* px, size_t count)
 }  // namespace
 
 StereoMatcher::StereoMatcher(Common::Direction direction_, Matcher matcher_, cv::Size size_)
-    : name("[BINOLIB] [" + Common::binoString(direction_) + "]"),
+    : name(Common::logPrefix(direction_)),
       direction(direction_),
       matcher(matcher_),
       size(size_)

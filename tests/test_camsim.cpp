@@ -22,6 +22,7 @@
 #include "imagereader.h"
 #include "scenerender.h"
 #include "test_support.h"
+#include "framelayout.h"
 
 // GDAL, which OpenCV's image codecs load, takes two of its own mutexes in
 // both orders while cv::imread/cv::imwrite probe formats; ThreadSanitizer
@@ -150,7 +151,7 @@ uint64_t monotonicMicroseconds()
 class CamsimProcessTest : public ::testing::Test {
 protected:
     testsupport::ScratchRoot root;
-    testsupport::SysvGuard guard{ImageReader::kFrontShmKey, ImageReader::kDownShmKey};
+    testsupport::SysvGuard guard{framelayout::kFrontQueueKey, framelayout::kDownQueueKey};
     std::unique_ptr<ImageReader> reader;
 
     // Starts camsim with its output appended to camsim.out.
@@ -243,7 +244,7 @@ TEST_F(CamsimProcessTest, FeedsARunningReaderAcrossRestarts)
             EXPECT_EQ(cv::countNonZero(frame.right(unstamped) != uprightRight(unstamped)), 0);
         }
 
-        ImageReader calibrated(direction, static_cast<ImageReader::Source>(2), 640, 480);
+        ImageReader calibrated(direction, ImageReader::NONE, 640, 480);
         ASSERT_TRUE(calibrated.calibOk);
         cv::Mat point = calibrated.getQ() * (cv::Mat_<double>(4, 1) << 0, 0, scene::disparityPx(rig, 5.0), 1);
         EXPECT_NEAR(point.at<double>(2) / point.at<double>(3), 5000.0, 1e-6);  // mm
@@ -256,7 +257,7 @@ TEST_F(CamsimProcessTest, BadArgumentsExitTwoWithTheReason)
     EXPECT_NE(output().find("camsim: --fps expects"), std::string::npos) << output();
     EXPECT_EQ(reap(spawn("--help")), 0);
     EXPECT_NE(output().find("Usage: camsim"), std::string::npos);
-    EXPECT_EQ(shmget(ImageReader::kFrontShmKey, 0, 0), -1) << "argument errors must not touch the queue";
+    EXPECT_EQ(shmget(framelayout::kFrontQueueKey, 0, 0), -1) << "argument errors must not touch the queue";
 }
 
 }  // namespace

@@ -13,8 +13,10 @@
 #include <opencv2/imgproc.hpp>
 
 #include "imagereader.h"
+#include "littleendian.h"
 #include "rigcalibration.h"
 #include "test_support.h"
+#include "framelayout.h"
 
 namespace {
 
@@ -40,11 +42,7 @@ std::vector<unsigned char> message(const cv::Mat& left, const cv::Mat& right, ui
                                    size_t length = kMessageBytes)
 {
     std::vector<unsigned char> bytes(std::max(length, kMessageBytes), 0);
-    const auto put = [&bytes](size_t at, uint64_t value, int count) {
-        for (int i = 0; i < count; ++i) {
-            bytes[at + i] = static_cast<unsigned char>(value >> (8 * i));
-        }
-    };
+    const auto put = [&bytes](size_t at, uint64_t value, size_t count) { le::store(&bytes[at], value, count); };
     put(4, headerWidth, 4);
     put(8, headerHeight, 4);
     std::memcpy(&bytes[12], left.data, left.total());
@@ -93,7 +91,7 @@ void writeYaml(const std::string& path, const std::vector<std::pair<std::string,
 // Calibration readers without a frame source.
 std::unique_ptr<ImageReader> load(Common::Direction direction)
 {
-    return std::make_unique<ImageReader>(direction, static_cast<ImageReader::Source>(2), kWidth, kHeight);
+    return std::make_unique<ImageReader>(direction, ImageReader::NONE, kWidth, kHeight);
 }
 
 void writeRig(Common::Direction direction, double focalPx)
@@ -112,7 +110,7 @@ bool isIntegerIdentity(const cv::Mat& q)
 class ImageReaderTest : public ::testing::Test {
 protected:
     testsupport::ScratchRoot root;
-    testsupport::SysvGuard guard{ImageReader::kFrontShmKey, ImageReader::kDownShmKey};
+    testsupport::SysvGuard guard{framelayout::kFrontQueueKey, framelayout::kDownQueueKey};
     testsupport::LogCapture log;
     std::unique_ptr<ImageReader> reader;
 
@@ -220,34 +218,34 @@ TEST_F(ImageReaderTest, NoImageAndLowLightStatus)
     while (reader->pollCount() < 100) {
         const int hardware = reader->getBinoStatus().first;
         if (reader->pollCount() < 99) {  // so at most 98 polls had ended when status was read
-            ASSERT_EQ(hardware, 0);
+            ASSERT_EQ(hardware, ImageReader::FRAMES_ARRIVING);
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
-    EXPECT_EQ(reader->getBinoStatus().first, 1);
+    EXPECT_EQ(reader->getBinoStatus().first, ImageReader::NO_FRAMES);
     const auto dark = message(flat(55), flat(55), kDarkStamp, kDarkStamp);
     for (int frame = 1; frame <= 6; ++frame) {
         SCOPED_TRACE(frame);
         deliver(dark);
         EXPECT_EQ(queued(), 1);
         take();
-        EXPECT_EQ(reader->getBinoStatus().first, 0);
+        EXPECT_EQ(reader->getBinoStatus().first, ImageReader::FRAMES_ARRIVING);
     }
     deliver(dark);
     EXPECT_EQ(queued(), 0);
-    EXPECT_EQ(reader->getBinoStatus().first, 2);
+    EXPECT_EQ(reader->getBinoStatus().first, ImageReader::LOW_LIGHT);
     const uint64_t lastMessage = reader->pollCount();
     ASSERT_TRUE(waitFor([&] { return reader->pollCount() >= lastMessage + 101; }));
-    EXPECT_EQ(reader->getBinoStatus().first, 1);
+    EXPECT_EQ(reader->getBinoStatus().first, ImageReader::NO_FRAMES);
     deliver(dark);
     EXPECT_EQ(queued(), 0);
-    EXPECT_EQ(reader->getBinoStatus().first, 2);
+    EXPECT_EQ(reader->getBinoStatus().first, ImageReader::LOW_LIGHT);
 
     cv::Mat barelyBright = flat(55);
     barelyBright(cv::Rect(0, 200, 100, 1)) = 56;  // mean 55.0003
     deliver(message(barelyBright, flat(55), kDarkStamp, kDarkStamp));
     EXPECT_EQ(queued(), 1);
-    EXPECT_EQ(reader->getBinoStatus().first, 0);
+    EXPECT_EQ(reader->getBinoStatus().first, ImageReader::FRAMES_ARRIVING);
 }
 
 // Given two frames waiting, a third is dropped without a post; the two oldest
@@ -327,7 +325,7 @@ TEST_F(ImageReaderTest, WrongSizeAndMalformedMessages)
     deliver(message(flat(100), flat(100), 4, 4, 0, 0, 100));
     EXPECT_EQ(queued(), 0);
     EXPECT_EQ(log.count("shm size do not match bino size!"), 4u);
-    EXPECT_EQ(reader->getBinoStatus().first, 0);
+    EXPECT_EQ(reader->getBinoStatus().first, ImageReader::FRAMES_ARRIVING);
 
     deliver(message(flat(120), flat(121), 5, 5, kWidth, kHeight, complete));
     EXPECT_EQ(take().leftTimestamp, 5u);
@@ -357,7 +355,7 @@ TEST_F(ImageReaderTest, MissingOrBrokenCalibrationKeepsTheIdentity)
     std::filesystem::remove(dir + "rightLut.dat");
     auto loaded = load(Common::FRONT);
     EXPECT_FALSE(loaded->calibOk);
-    EXPECT_EQ(loaded->getBinoStatus().second, 1);
+    EXPECT_EQ(loaded->getBinoStatus().second, ImageReader::CALIB_MISSING);
     EXPECT_TRUE(isIntegerIdentity(loaded->getQ()));
     EXPECT_TRUE(loaded->leftMap1.empty());
 
@@ -368,7 +366,7 @@ TEST_F(ImageReaderTest, MissingOrBrokenCalibrationKeepsTheIdentity)
     loaded = load(Common::FRONT);
     EXPECT_TRUE(log.contains("[BINOLIB] [front] Intrinsics file is empty!"));
     EXPECT_TRUE(loaded->calibOk);
-    EXPECT_EQ(loaded->getBinoStatus().second, 0);
+    EXPECT_EQ(loaded->getBinoStatus().second, ImageReader::CALIB_PRESENT);
     EXPECT_TRUE(isIntegerIdentity(loaded->getQ()));
 
     std::ofstream(dir + "intrinsicsBino.yml") << "M1: [unbalanced\n\t: :\n";

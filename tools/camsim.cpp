@@ -16,9 +16,9 @@
 #include "camsimoptions.h"
 #include "framemessage.h"
 #include "framesource.h"
-#include "imagereader.h"
 #include "rigcalibration.h"
 #include "shmmqueue.h"
+#include "framelayout.h"
 
 namespace {
 
@@ -121,12 +121,12 @@ int main(int argc, char** argv)
     }
 
     installSignalHandlers();
-    const int key = options.direction == Common::FRONT ? ImageReader::kFrontShmKey : ImageReader::kDownShmKey;
+    const int key = options.direction == Common::FRONT ? framelayout::kFrontQueueKey : framelayout::kDownQueueKey;
     waitForEmptyRing(key, std::chrono::seconds(1));
     if (g_stop) {
         return 0;
     }
-    g_queue = shmmqueue::CMessageQueue::CreateInstance(key, ImageReader::kFrameMessageBytes,
+    g_queue = shmmqueue::CMessageQueue::CreateInstance(key, framelayout::kMessageBytes,
                                                        shmmqueue::SINGLE_READER_SINGLE_WRITER);
     std::fflush(stdout);
 

@@ -7,7 +7,7 @@
 #include <limits>
 #include <map>
 
-#include "imagereader.h"
+#include "framelayout.h"
 
 namespace camsim {
 namespace {
@@ -59,8 +59,8 @@ bool validate(const Options& options, bool pairGiven, bool replayGiven, std::str
     } else if (options.leftFile.empty() != options.rightFile.empty()) {
         error = pairGiven ? "--left and --right go together" : "--yuv-left and --yuv-right go together";
     } else if (static_cast<uint64_t>(options.width) * static_cast<uint64_t>(options.height) >
-               ImageReader::kImageAreaBytes) {
-        error = "--width x --height exceeds the " + std::to_string(ImageReader::kImageAreaBytes) +
+               framelayout::kImageAreaBytes) {
+        error = "--width x --height exceeds the " + std::to_string(framelayout::kImageAreaBytes) +
                 " bytes of a message's image area";
     } else if (options.distanceM > 0.0 && options.distanceM >= options.backgroundM) {
         error = "--distance must be nearer than --background";

@@ -4,21 +4,15 @@
 #include <cstring>
 #include <stdexcept>
 
-#include "imagereader.h"
+#include "framelayout.h"
+#include "littleendian.h"
 
 namespace camsim {
 namespace {
 
-void writeLe(unsigned char* at, uint64_t value, int bytes)
-{
-    for (int i = 0; i < bytes; ++i) {
-        at[i] = static_cast<unsigned char>(value >> (8 * i));
-    }
-}
-
 void writeImage(const cv::Mat& image, unsigned char* area)
 {
-    if (image.type() != CV_8UC1 || image.total() > ImageReader::kImageAreaBytes) {
+    if (image.type() != CV_8UC1 || image.total() > framelayout::kImageAreaBytes) {
         throw std::invalid_argument("frame message images are CV_8UC1 of at most 522240 pixels");
     }
     for (int y = 0; y < image.rows; ++y) {
@@ -39,13 +33,13 @@ void encodeFrameMessage(const cv::Mat& sensorLeft, const cv::Mat& sensorRight, u
                         uint64_t rightTimestamp, uint32_t headerWidth, uint32_t headerHeight,
                         std::vector<unsigned char>& message)
 {
-    message.assign(ImageReader::kFrameMessageBytes, 0);
-    writeLe(message.data() + ImageReader::kWidthOffset, headerWidth, 4);
-    writeLe(message.data() + ImageReader::kHeightOffset, headerHeight, 4);
-    writeImage(sensorLeft, message.data() + ImageReader::kLeftImageOffset);
-    writeImage(sensorRight, message.data() + ImageReader::kRightImageOffset);
-    writeLe(message.data() + ImageReader::kLeftImageOffset, leftTimestamp, 8);
-    writeLe(message.data() + ImageReader::kRightImageOffset, rightTimestamp, 8);
+    message.assign(framelayout::kMessageBytes, 0);
+    le::store(message.data() + framelayout::kWidthOffset, headerWidth, 4);
+    le::store(message.data() + framelayout::kHeightOffset, headerHeight, 4);
+    writeImage(sensorLeft, message.data() + framelayout::kLeftImageOffset);
+    writeImage(sensorRight, message.data() + framelayout::kRightImageOffset);
+    le::store(message.data() + framelayout::kLeftImageOffset, leftTimestamp, 8);
+    le::store(message.data() + framelayout::kRightImageOffset, rightTimestamp, 8);
 }
 
 }  // namespace camsim

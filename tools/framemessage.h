@@ -8,6 +8,7 @@
 #include <opencv2/core.hpp>
 
 #include "common.h"
+#include "framelayout.h"
 
 namespace camsim {
 
@@ -16,9 +17,9 @@ namespace camsim {
 /// images are turned counter-clockwise and down images clockwise.
 cv::Mat toSensorOrientation(Common::Direction direction, const cv::Mat& upright);
 
-/// Fills `message` with one frame message of ImageReader::kFrameMessageBytes:
+/// Fills `message` with one frame message of framelayout::kMessageBytes:
 /// headerWidth/headerHeight at offsets 4 and 8, the two CV_8UC1 sensor
-/// images (each at most ImageReader::kImageAreaBytes) in their image areas,
+/// images (each at most framelayout::kImageAreaBytes) in their image areas,
 /// and each timestamp over the first 8 bytes of its image area. All integers
 /// little-endian; unused bytes zero.
 void encodeFrameMessage(const cv::Mat& sensorLeft, const cv::Mat& sensorRight, uint64_t leftTimestamp,

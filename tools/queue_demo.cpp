@@ -21,14 +21,14 @@
 #include <string>
 #include <vector>
 
-#include "imagereader.h"
 #include "shmmqueue.h"
+#include "framelayout.h"
 
 namespace {
 
-constexpr size_t kRingRequest = ImageReader::kFrameMessageBytes;  // the frame reader's request
+constexpr size_t kRingRequest = framelayout::kMessageBytes;  // the frame reader's request
 // A whole frame message: header and both image areas filled (1,044,492 bytes).
-constexpr size_t kFrameMessage = ImageReader::kRightImageOffset + ImageReader::kImageAreaBytes;
+constexpr size_t kFrameMessage = framelayout::kRightImageOffset + framelayout::kImageAreaBytes;
 
 volatile sig_atomic_t g_stop = 0;
 
