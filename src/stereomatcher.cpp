@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 #include <limits>
+#include <mutex>
 #include <new>
 
 #include "binolog.h"
@@ -28,6 +29,18 @@ constexpr int kBmFractionScale = 16;       // StereoBM's disparity unit is 1/16 
 static_assert(std::numeric_limits<float>::is_iec559, "decoding writes IEEE 754 bit patterns");
 constexpr uint32_t kFloatSignBit = 0x80000000u;
 constexpr uint32_t kFloatOneBits = 0x3F800000u;  // 1.0f
+
+// The image size of the stereo unit's last successful dpu_init in this
+// process, packed as width << 32 | height; 0 before any. Written under
+// g_unitInitMutex together with the dpu_init call, so it always names the
+// size the unit holds.
+std::mutex g_unitInitMutex;
+std::atomic<uint64_t> g_unitSize{0};
+
+uint64_t packSize(cv::Size size)
+{
+    return static_cast<uint64_t>(static_cast<uint32_t>(size.width)) << 32 | static_cast<uint32_t>(size.height);
+}
 
 // The pixel count of `size`, or the error new[] raises for an impossible count.
 size_t checkedPixelCount(cv::Size size)
@@ -134,10 +147,22 @@ void StereoMatcher::initDPU()
     // Value-initialised, so words past the image that the dump reads are 0.
     hwDisparity = std::make_unique<uint16_t[]>(std::max(pixels, kDumpWords));
     disparityBuffer = std::make_unique<float[]>(pixels);
-    const int status = dpu_init(size.width, size.height);
+    int status;
+    {
+        std::lock_guard<std::mutex> lock(g_unitInitMutex);
+        status = dpu_init(size.width, size.height);
+        if (status == 0) {
+            g_unitSize.store(packSize(size), std::memory_order_relaxed);
+        }
+    }
     if (status != 0) {
         BINO_ERROR("%s dpu_init(%d, %d) failed: %d", name.c_str(), size.width, size.height, status);
     }
+}
+
+bool StereoMatcher::unitHasOurSize() const
+{
+    return g_unitSize.load(std::memory_order_relaxed) == packSize(size);
 }
 
 void StereoMatcher::initNPU() {}
@@ -204,7 +229,18 @@ void StereoMatcher::getDisparityBM(cv::Mat& left, cv::Mat& right, cv::Mat& dispa
 void StereoMatcher::getDisparityDPU(cv::Mat& left, cv::Mat& right, cv::Mat& disparity, ParaType)
 {
     if (direction == Common::FRONT || direction == Common::DOWN) {
-        if (fitsUnit(left, size) && fitsUnit(right, size)) {
+        const bool unitReady = unitHasOurSize();
+        if (!unitReady) {
+            if (!unitRefusalLogged) {
+                const uint64_t unit = g_unitSize.load(std::memory_order_relaxed);
+                BINO_ERROR("%s stereo unit is set up for %dx%d, not this camera's %dx%d: no disparity from it",
+                           name.c_str(), static_cast<int>(unit >> 32), static_cast<int>(unit & 0xFFFFFFFFu),
+                           size.width, size.height);
+                unitRefusalLogged = true;
+            }
+            std::fill_n(hwDisparity.get(), checkedPixelCount(size), kInvalidWord);
+        } else if (fitsUnit(left, size) && fitsUnit(right, size)) {
+            unitRefusalLogged = false;
             if (direction == Common::FRONT) {
                 dpu_compute_grp0(left.data, right.data, hwDisparity.get());
             } else {

@@ -75,4 +75,15 @@ public:
     /// Whether the dump of the first front frame is still to be written.
     /// Process-wide; only front matchers touch it.
     static std::atomic<bool> first;
+
+private:
+    /// True when the stereo unit's last successful dpu_init in this process
+    /// was for `size`. The unit knows one image size for both groups, so a
+    /// camera of another size must not use it: the unit would write that
+    /// size's pixel count into this camera's buffer.
+    bool unitHasOurSize() const;
+
+    /// Set while the unit is refused, so the reason is logged once per
+    /// refusal, not once per frame.
+    bool unitRefusalLogged = false;
 };

@@ -188,4 +188,42 @@ TEST(StereoMatcherDPU, ImagesOfAnotherSizeGiveOnlyInvalidPixels)
     EXPECT_THROW(StereoMatcher(Common::DOWN, StereoMatcher::DPU, cv::Size(-2, 10)), std::bad_array_new_length);
 }
 
+// The unit holds one image size for both groups, the last one initialised.
+// A camera of another size must never reach the unit (it would write the
+// other size's pixel count into its buffer): it gets invalid maps and one
+// ERROR line, while the camera whose size the unit holds keeps working.
+TEST(StereoMatcherDPU, CamerasOfAnotherSizeThanTheUnitsGetInvalidMapsOnly)
+{
+    const cv::Size frontSize(160, 120);
+    for (cv::Size downSize : {frontSize, cv::Size(240, 100), cv::Size(480, 640)}) {
+        SCOPED_TRACE(downSize);
+        const auto child = testsupport::runInChild([frontSize, downSize] {
+            testsupport::ScratchRoot scratch;  // the front camera's dump lands here
+            testsupport::LogCapture capture;
+            StereoMatcher front(Common::FRONT, StereoMatcher::DPU, frontSize);
+            StereoMatcher down(Common::DOWN, StereoMatcher::DPU, downSize);
+            const bool shared = downSize == frontSize;
+            cv::Mat frontLeft = noise(frontSize, 11);
+            cv::Mat frontRight = shiftedRight(frontLeft, 6);
+            cv::Mat downLeft = noise(downSize, 12);
+            cv::Mat downRight = shiftedRight(downLeft, 6);
+            cv::Mat disparity;
+            for (int frame = 0; frame < 3; ++frame) {
+                front.compute(frontLeft, frontRight, disparity, 0);
+                const int frontValid = cv::countNonZero(disparity >= 0.0f);
+                EXPECT_EQ(frontValid > frontSize.area() / 2, shared) << "front, frame " << frame;
+                if (!shared) {
+                    EXPECT_EQ(frontValid, 0) << "front, frame " << frame;
+                }
+                down.compute(downLeft, downRight, disparity, 0);
+                EXPECT_GT(cv::countNonZero(disparity >= 0.0f), downSize.area() / 2) << "down, frame " << frame;
+            }
+            EXPECT_EQ(capture.count("stereo unit is set up for"), shared ? 0u : 1u);
+            std::fflush(nullptr);
+            _exit(::testing::Test::HasFailure() ? 1 : 0);
+        });
+        EXPECT_TRUE(child.exited && child.exitCode == 0) << child.output;
+    }
+}
+
 }  // namespace
