@@ -9,10 +9,10 @@
 
 #include <opencv2/calib3d.hpp>
 
+#include "framelayout.h"
 #include "framemessage.h"
 #include "imagereader.h"
 #include "scenerender.h"
-#include "framelayout.h"
 
 namespace {
 

@@ -10,9 +10,9 @@
 #include <memory>
 #include <vector>
 
+#include "framelayout.h"
 #include "imagereader.h"
 #include "shmmqueue.h"
-#include "framelayout.h"
 
 namespace {
 

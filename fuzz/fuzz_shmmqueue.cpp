@@ -51,18 +51,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     auto& queue = *harness.queue;
     for (int step = 0; step < 8; ++step) {
         switch ((script >> (step % 4 * 2)) & 3) {
-        case 0:
-            queue.ReadHeadMessage(harness.out.data());
-            break;
-        case 1:
-            queue.GetMessage(harness.out.data());
-            break;
-        case 2:
-            queue.DeleteHeadMessage();
-            break;
-        default:
-            queue.SendMessage(const_cast<uint8_t*>(data), size % kRing);
-            break;
+            case 0:
+                queue.ReadHeadMessage(harness.out.data());
+                break;
+            case 1:
+                queue.GetMessage(harness.out.data());
+                break;
+            case 2:
+                queue.DeleteHeadMessage();
+                break;
+            default:
+                queue.SendMessage(const_cast<uint8_t*>(data), size % kRing);
+                break;
         }
     }
     return 0;

@@ -4,8 +4,7 @@
 set -euo pipefail
 root="$(cd "$(dirname "$0")/.." && pwd)"
 build="$root/build-fuzz"
-"$root/scripts/install-deps.sh"
-command -v clang++ >/dev/null || { apt-get install -y -qq clang >/dev/null; }
+"$root/scripts/install-deps.sh" clang libclang-rt-14-dev
 CC=clang CXX=clang++ cmake -S "$root" -B "$build" -DBINOCULAR_BUILD_FUZZ=ON -DBINOCULAR_SANITIZE=address \
   -DBINOCULAR_BUILD_TESTS=OFF -DBINOCULAR_BUILD_BENCH=OFF -DBINOCULAR_BUILD_TOOLS=ON >/dev/null
 cmake --build "$build" -j2

@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Installs the Debian 12 packages the build, the tests and the tools need.
+# Installs the Debian 12 packages the build, the tests and the tools need,
+# plus any package names given as arguments (e.g. clang for the fuzz build).
 # Quiet and quick when everything is already there. Needs root (or sudo).
 set -euo pipefail
 
@@ -8,6 +9,7 @@ packages=(
   libopencv-dev
   libgtest-dev libgmock-dev
   libbenchmark-dev
+  "$@"
 )
 missing=()
 for p in "${packages[@]}"; do

@@ -5,10 +5,10 @@ namespace Common {
 std::string binoString(Direction direction)
 {
     switch (direction) {
-    case FRONT:
-        return "front";
-    case DOWN:
-        return "down";
+        case FRONT:
+            return "front";
+        case DOWN:
+            return "down";
     }
     return std::string();
 }

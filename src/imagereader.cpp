@@ -11,9 +11,9 @@
 #include <opencv2/imgproc.hpp>
 
 #include "binolog.h"
-#include "paths.h"
 #include "framelayout.h"
 #include "littleendian.h"
+#include "paths.h"
 
 namespace {
 
@@ -159,7 +159,8 @@ void ImageReader::initSource(Source frameSource)
 void ImageReader::initShm()
 {
     int key = getShmKey();
-    queue = shmmqueue::CMessageQueue::CreateInstance(key, framelayout::kMessageBytes, shmmqueue::SINGLE_READER_SINGLE_WRITER);
+    queue = shmmqueue::CMessageQueue::CreateInstance(key, framelayout::kMessageBytes,
+                                                     shmmqueue::SINGLE_READER_SINGLE_WRITER);
     // A payload never exceeds the ring's capacity, however the producer
     // behaves; the queue copies without knowing this buffer's size.
     frameBuffer.assign(std::max<size_t>(framelayout::kMessageBytes, queue->GetQueueLength()), 0);
@@ -181,7 +182,10 @@ int ImageReader::getShmKey()
     }
 }
 
-void ImageReader::startThread(void (ImageReader::*body)()) { worker.start([this, body] { (this->*body)(); }); }
+void ImageReader::startThread(void (ImageReader::*body)())
+{
+    worker.start([this, body] { (this->*body)(); });
+}
 
 void ImageReader::shmRun()
 {
@@ -226,7 +230,8 @@ void ImageReader::processMessage(size_t length)
     // it is long enough to hold what they read: bytes beyond the message are
     // left over from an older one. Before the first good message there are
     // no views and nothing to queue.
-    if (leftRaw.empty() || messageLength < framelayout::kRightImageOffset + std::max(rightRaw.total(), sizeof(unsigned long long))) {
+    if (leftRaw.empty() ||
+        messageLength < framelayout::kRightImageOffset + std::max(rightRaw.total(), sizeof(unsigned long long))) {
         return;
     }
     if (checkLowLight()) {
@@ -248,8 +253,8 @@ void ImageReader::getBinoMat()
 {
     // The configured size must fit the message's image areas; otherwise no
     // message can match it.
-    const bool sizeFits =
-        width > 0 && height > 0 && static_cast<uint64_t>(width) * static_cast<uint64_t>(height) <= framelayout::kImageAreaBytes;
+    const bool sizeFits = width > 0 && height > 0 &&
+                          static_cast<uint64_t>(width) * static_cast<uint64_t>(height) <= framelayout::kImageAreaBytes;
     if (sizeFits && messageLength >= framelayout::kLeftImageOffset) {
         const unsigned char* message = frameBuffer.data();
         const size_t area = static_cast<size_t>(width) * static_cast<size_t>(height);

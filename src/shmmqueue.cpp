@@ -14,10 +14,10 @@
 
 // Reports go to stdout and are flushed at once, so they interleave correctly
 // with the host's own output and survive an exit() that follows.
-#define SHMQ_REPORT(...)              \
-    do {                              \
-        std::printf(__VA_ARGS__);     \
-        std::fflush(stdout);          \
+#define SHMQ_REPORT(...)          \
+    do {                          \
+        std::printf(__VA_ARGS__); \
+        std::fflush(stdout);      \
     } while (0)
 
 namespace shmmqueue {
@@ -37,15 +37,9 @@ union semun {
 // publishes `begin` and the producer `end` with a release store after the
 // bytes they cover; the other side reads them with an acquire load. On x86
 // this costs nothing; on AArch64 it keeps the payload visible before its index.
-uint32_t loadIndex(const uint32_t& index)
-{
-    return __atomic_load_n(&index, __ATOMIC_ACQUIRE);
-}
+uint32_t loadIndex(const uint32_t& index) { return __atomic_load_n(&index, __ATOMIC_ACQUIRE); }
 
-void storeIndex(uint32_t& index, uint32_t value)
-{
-    __atomic_store_n(&index, value, __ATOMIC_RELEASE);
-}
+void storeIndex(uint32_t& index, uint32_t value) { __atomic_store_n(&index, value, __ATOMIC_RELEASE); }
 
 int semopRetry(int semId, sembuf* ops, size_t count)
 {
@@ -96,10 +90,7 @@ private:
 
 CShmRWlock::CShmRWlock() : semId(-1), key(-1) {}
 
-CShmRWlock::CShmRWlock(int lockKey) : semId(-1), key(-1)
-{
-    init(lockKey);
-}
+CShmRWlock::CShmRWlock(int lockKey) : semId(-1), key(-1) { init(lockKey); }
 
 int CShmRWlock::init(int lockKey)
 {
@@ -162,10 +153,7 @@ bool CShmRWlock::TryWlock() const
 
 // ------------------------------------------------------------- CMessageQueue
 
-bool CMessageQueue::IsPowerOfTwo(unsigned long size)
-{
-    return size != 0 && (size & (size - 1)) == 0;
-}
+bool CMessageQueue::IsPowerOfTwo(unsigned long size) { return size != 0 && (size & (size - 1)) == 0; }
 
 int CMessageQueue::Fls(unsigned long size)
 {
@@ -253,10 +241,7 @@ unsigned int CMessageQueue::GetDataSize()
     return end >= begin ? end - begin : end + (m_nMask + 1) - begin;
 }
 
-unsigned int CMessageQueue::GetQueueLength()
-{
-    return m_stMemTrunk->size;
-}
+unsigned int CMessageQueue::GetQueueLength() { return m_stMemTrunk->size; }
 
 unsigned int CMessageQueue::GetFreeSize()
 {
@@ -367,20 +352,11 @@ int CMessageQueue::ReadHead(unsigned char* out, HeadMode mode)
     return static_cast<int>(length);
 }
 
-int CMessageQueue::GetMessage(unsigned char* out)
-{
-    return ReadHead(out, HeadMode::Remove);
-}
+int CMessageQueue::GetMessage(unsigned char* out) { return ReadHead(out, HeadMode::Remove); }
 
-int CMessageQueue::ReadHeadMessage(unsigned char* out)
-{
-    return ReadHead(out, HeadMode::Peek);
-}
+int CMessageQueue::ReadHeadMessage(unsigned char* out) { return ReadHead(out, HeadMode::Peek); }
 
-int CMessageQueue::DeleteHeadMessage()
-{
-    return ReadHead(nullptr, HeadMode::Drop);
-}
+int CMessageQueue::DeleteHeadMessage() { return ReadHead(nullptr, HeadMode::Drop); }
 
 // ------------------------------------------------------- segment management
 
@@ -408,9 +384,10 @@ unsigned char* CMessageQueue::CreateShareMem(int key, long size, enShmModule& mo
             SHMQ_REPORT("Attach to share memory [key= %d,shmId %d] succeed.\n", key, shmId);
         } else {
             // The segment exists with another size: replace it.
-            SHMQ_REPORT("Attach to share memory [key= %d,shmId %d] failed,maybe the size of share memory changed,%s "
-                        ".now try to touch it again \n",
-                        key, shmId, std::strerror(errno));
+            SHMQ_REPORT(
+                "Attach to share memory [key= %d,shmId %d] failed,maybe the size of share memory changed,%s "
+                ".now try to touch it again \n",
+                key, shmId, std::strerror(errno));
             shmId = shmget(key, 0, 0666);
             if (shmId == -1) {
                 SHMQ_REPORT("[%s:%d] Fatel error, touch to shm [key= %d,shmId %d] failed, %s.\n", __FILE__, __LINE__,
@@ -458,8 +435,8 @@ int CMessageQueue::DestroyShareMem(const void* shmAddr, int key)
     }
     SHMQ_REPORT("Now disconnect the exist share memory [key= %d,shmId %d] \n", key, shmId);
     if (shmdt(shmAddr) == -1) {
-        SHMQ_REPORT("[%s:%d] Disconnect share memory [key= %d,shmId %d] failed, %s \n", __FILE__, __LINE__, key,
-                    shmId, std::strerror(errno));
+        SHMQ_REPORT("[%s:%d] Disconnect share memory [key= %d,shmId %d] failed, %s \n", __FILE__, __LINE__, key, shmId,
+                    std::strerror(errno));
     } else {
         SHMQ_REPORT("Disconnect the exist share memory [key= %d,shmId %d] succeed \n", key, shmId);
     }

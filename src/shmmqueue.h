@@ -16,6 +16,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <type_traits>
 
 namespace shmmqueue {
 
@@ -34,17 +35,17 @@ enum enShmModule : unsigned char {
 /// Shared header of the segment. Each field sits on its own 64-byte stretch so
 /// the read index and the write index never share a cache line.
 struct MemTrunk {
-    uint32_t begin;          ///< ring offset of the oldest message's length prefix
+    uint32_t begin;  ///< ring offset of the oldest message's length prefix
     uint8_t pad0[64];
-    uint32_t end;            ///< ring offset where the next message will be written
+    uint32_t end;  ///< ring offset where the next message will be written
     uint8_t pad1[64];
-    int32_t shmKey;          ///< System V key of the segment
+    int32_t shmKey;  ///< System V key of the segment
     uint8_t pad2[64];
-    uint32_t size;           ///< ring capacity in bytes, a power of two
+    uint32_t size;  ///< ring capacity in bytes, a power of two
     uint8_t pad3[64];
-    int32_t shmId;           ///< shmget identifier of the segment
+    int32_t shmId;  ///< shmget identifier of the segment
     uint8_t pad4[64];
-    uint8_t queueModel;      ///< eQueueModel
+    uint8_t queueModel;  ///< eQueueModel
     uint8_t pad5[43];
 };
 
@@ -52,6 +53,14 @@ inline constexpr size_t kTrunkSize = 384;       ///< bytes of header before the 
 inline constexpr size_t kLengthPrefixSize = 8;  ///< bytes of the length prefix (native size_t)
 
 static_assert(sizeof(MemTrunk) == kTrunkSize, "MemTrunk must be 384 bytes");
+// The camera process lays out the same header: every field at its fixed offset.
+static_assert(std::is_standard_layout<MemTrunk>::value, "MemTrunk offsets must be well defined");
+static_assert(offsetof(MemTrunk, begin) == 0, "begin at 0");
+static_assert(offsetof(MemTrunk, end) == 68, "end at 68");
+static_assert(offsetof(MemTrunk, shmKey) == 136, "shmKey at 136");
+static_assert(offsetof(MemTrunk, size) == 204, "size at 204");
+static_assert(offsetof(MemTrunk, shmId) == 272, "shmId at 272");
+static_assert(offsetof(MemTrunk, queueModel) == 340, "queueModel at 340");
 static_assert(sizeof(size_t) == kLengthPrefixSize, "the length prefix is a 64-bit size_t");
 
 /// Reader/writer lock on a System V set of two semaphores: semaphore 0 counts

@@ -22,7 +22,7 @@ constexpr uint16_t kMagnitudeMask = 0x7FFF;  // 1/64 px
 // Every word the unit did not produce for this frame is marked invalid.
 constexpr uint16_t kInvalidWord = 0xFFFF;
 
-constexpr int kRoiMargin = 80;            // px left and right of the BM band
+constexpr int kRoiMargin = 80;             // px left and right of the BM band
 constexpr float kSteepPitch = 16.333334f;  // beyond this the band moves furthest
 constexpr int kBmFractionScale = 16;       // StereoBM's disparity unit is 1/16 px
 
@@ -68,7 +68,7 @@ float decodeWord(uint16_t word)
     uint32_t validBits;
     std::memcpy(&validBits, &px, sizeof validBits);
     const uint32_t flaggedBits = kFloatSignBit | (magnitude != 0 ? kFloatOneBits : 0u);  // -1.0 or -0.0
-    const uint32_t flagged = 0u - static_cast<uint32_t>(word >> 15);                   // all ones when bit 15 is set
+    const uint32_t flagged = 0u - static_cast<uint32_t>(word >> 15);                     // all ones when bit 15 is set
     const uint32_t bits = (validBits & ~flagged) | (flaggedBits & flagged);
     float decoded;
     std::memcpy(&decoded, &bits, sizeof decoded);
@@ -94,19 +94,13 @@ void decodeWords(const uint16_t* words, float* px, size_t count)
 }  // namespace
 
 StereoMatcher::StereoMatcher(Common::Direction direction_, Matcher matcher_, cv::Size size_)
-    : name(Common::logPrefix(direction_)),
-      direction(direction_),
-      matcher(matcher_),
-      size(size_)
+    : name(Common::logPrefix(direction_)), direction(direction_), matcher(matcher_), size(size_)
 {
     BINO_DEBUG("%s StereoMatcher matcher: %d", name.c_str(), static_cast<int>(matcher));
     init();
 }
 
-void StereoMatcher::init()
-{
-    initMatcher();
-}
+void StereoMatcher::init() { initMatcher(); }
 
 void StereoMatcher::initMatcher()
 {
@@ -160,17 +154,11 @@ void StereoMatcher::initDPU()
     }
 }
 
-bool StereoMatcher::unitHasOurSize() const
-{
-    return g_unitSize.load(std::memory_order_relaxed) == packSize(size);
-}
+bool StereoMatcher::unitHasOurSize() const { return g_unitSize.load(std::memory_order_relaxed) == packSize(size); }
 
 void StereoMatcher::initNPU() {}
 
-void StereoMatcher::setPitch(float pitch_)
-{
-    pitch = pitch_;
-}
+void StereoMatcher::setPitch(float pitch_) { pitch = pitch_; }
 
 int StereoMatcher::compute(cv::Mat& left, cv::Mat& right, cv::Mat& disparity, ParaType type)
 {
@@ -234,8 +222,8 @@ void StereoMatcher::getDisparityDPU(cv::Mat& left, cv::Mat& right, cv::Mat& disp
             if (!unitRefusalLogged) {
                 const uint64_t unit = g_unitSize.load(std::memory_order_relaxed);
                 BINO_ERROR("%s stereo unit is set up for %dx%d, not this camera's %dx%d: no disparity from it",
-                           name.c_str(), static_cast<int>(unit >> 32), static_cast<int>(unit & 0xFFFFFFFFu),
-                           size.width, size.height);
+                           name.c_str(), static_cast<int>(unit >> 32), static_cast<int>(unit & 0xFFFFFFFFu), size.width,
+                           size.height);
                 unitRefusalLogged = true;
             }
             std::fill_n(hwDisparity.get(), checkedPixelCount(size), kInvalidWord);

@@ -12,29 +12,26 @@ namespace {
 const char* levelName(int level)
 {
     switch (level) {
-    case ZLOG_LEVEL_DEBUG:
-        return "DEBUG";
-    case ZLOG_LEVEL_INFO:
-        return "INFO";
-    case ZLOG_LEVEL_NOTICE:
-        return "NOTICE";
-    case ZLOG_LEVEL_WARN:
-        return "WARN";
-    case ZLOG_LEVEL_ERROR:
-        return "ERROR";
-    case ZLOG_LEVEL_FATAL:
-        return "FATAL";
-    default:
-        return "LEVEL";
+        case ZLOG_LEVEL_DEBUG:
+            return "DEBUG";
+        case ZLOG_LEVEL_INFO:
+            return "INFO";
+        case ZLOG_LEVEL_NOTICE:
+            return "NOTICE";
+        case ZLOG_LEVEL_WARN:
+            return "WARN";
+        case ZLOG_LEVEL_ERROR:
+            return "ERROR";
+        case ZLOG_LEVEL_FATAL:
+            return "FATAL";
+        default:
+            return "LEVEL";
     }
 }
 
 }  // namespace
 
-extern "C" int dzlog_init(const char*, const char*)
-{
-    return 0;
-}
+extern "C" int dzlog_init(const char*, const char*) { return 0; }
 
 extern "C" void zlog_fini(void) {}
 
@@ -47,10 +44,11 @@ extern "C" void dzlog(const char* file, size_t filelen, const char* func, size_t
     gettimeofday(&now, nullptr);
     tm local{};
     localtime_r(&now.tv_sec, &local);
-    int used = std::snprintf(buffer, sizeof buffer, "%04d-%02d-%02d %02d:%02d:%02d.%03ld %-5s %.*s:%ld %.*s: ",
-                             local.tm_year + 1900, local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min,
-                             local.tm_sec, static_cast<long>(now.tv_usec / 1000), levelName(level),
-                             static_cast<int>(filelen), file, line, static_cast<int>(funclen), func);
+    int used = std::snprintf(buffer, sizeof buffer,
+                             "%04d-%02d-%02d %02d:%02d:%02d.%03ld %-5s %.*s:%ld %.*s: ", local.tm_year + 1900,
+                             local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,
+                             static_cast<long>(now.tv_usec / 1000), levelName(level), static_cast<int>(filelen), file,
+                             line, static_cast<int>(funclen), func);
     if (used < 0) {
         return;
     }

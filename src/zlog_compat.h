@@ -17,6 +17,6 @@
 extern "C" {
 int dzlog_init(const char* confpath, const char* cname);
 void zlog_fini(void);
-void dzlog(const char* file, size_t filelen, const char* func, size_t funclen, long line, int level,
-           const char* format, ...) __attribute__((format(printf, 7, 8)));
+void dzlog(const char* file, size_t filelen, const char* func, size_t funclen, long line, int level, const char* format,
+           ...) __attribute__((format(printf, 7, 8)));
 }

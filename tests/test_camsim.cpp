@@ -11,6 +11,7 @@
 #include <fstream>
 #include <iterator>
 #include <numeric>
+#include <optional>
 #include <sstream>
 #include <thread>
 #include <tuple>
@@ -18,11 +19,11 @@
 #include <opencv2/imgcodecs.hpp>
 
 #include "camsimoptions.h"
+#include "framelayout.h"
 #include "framesource.h"
 #include "imagereader.h"
 #include "scenerender.h"
 #include "test_support.h"
-#include "framelayout.h"
 
 // GDAL, which OpenCV's image codecs load, takes two of its own mutexes in
 // both orders while cv::imread/cv::imwrite probe formats; ThreadSanitizer
@@ -183,18 +184,31 @@ protected:
         return text.str();
     }
 
-    // Frames the reader queues until camsim exits (`code` then set) or `wanted` have come.
+    // Frames the reader queues until `wanted` have come, or until camsim has
+    // exited (`code` then set) and all it sent has been through the reader:
+    // the ring empty, nothing queued, and two polls finished since.
     std::vector<ImageReader::QueueData> collect(pid_t pid, int& code, size_t wanted = SIZE_MAX)
     {
         std::vector<ImageReader::QueueData> frames;
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
         code = -1;
-        while (code == -1 && frames.size() < wanted && std::chrono::steady_clock::now() < deadline) {
-            code = reap(pid, WNOHANG);
+        std::optional<uint64_t> idleSince;
+        while (frames.size() < wanted && std::chrono::steady_clock::now() < deadline) {
+            if (code == -1) {
+                code = reap(pid, WNOHANG);
+            }
             while (reader->frameReady->value() > 0 && frames.size() < wanted) {
                 ImageReader::QueueData frame;
                 reader->getImageBlock(frame.left, frame.right, frame.leftTimestamp, frame.rightTimestamp);
                 frames.push_back(frame);
+                idleSince.reset();
+            }
+            if (code != -1 && reader->queue->GetDataSize() == 0 && reader->frameReady->value() == 0) {
+                if (!idleSince) {
+                    idleSince = reader->pollCount();
+                } else if (reader->pollCount() >= *idleSince + 2) {
+                    break;
+                }
             }
             std::this_thread::sleep_for(std::chrono::milliseconds(2));
         }

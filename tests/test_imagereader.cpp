@@ -12,11 +12,11 @@
 #include <opencv2/calib3d.hpp>
 #include <opencv2/imgproc.hpp>
 
+#include "framelayout.h"
 #include "imagereader.h"
 #include "littleendian.h"
 #include "rigcalibration.h"
 #include "test_support.h"
-#include "framelayout.h"
 
 namespace {
 
@@ -267,21 +267,34 @@ TEST_F(ImageReaderTest, KeepsTheTwoOldestFramesAndDropsTheNewest)
 }
 
 // A consumer thread sees every frame whole and in order while the producer
-// keeps the ring busy: the reader's race check under ThreadSanitizer.
+// keeps the ring busy: the reader's race check under ThreadSanitizer. The
+// consumer finds the ring empty between frames, and after every fourth frame
+// stalls until both slots are taken, so later frames are dropped.
 TEST_F(ImageReaderTest, ConcurrentConsumerSeesWholeFramesInOrder)
 {
     start();
     std::vector<ImageReader::QueueData> received;
     std::atomic<bool> done{false};
+    int emptySeen = 0;
+    int fullSeen = 0;
     std::thread consumer([&] {
         while (!done.load()) {
-            ImageReader::QueueData frame;
-            if (reader->frameReady->value() > 0) {
-                reader->getImageBlock(frame.left, frame.right, frame.leftTimestamp, frame.rightTimestamp);
-                received.push_back(frame);
+            if (reader->frameReady->value() == 0) {
+                ++emptySeen;
+                std::this_thread::sleep_for(std::chrono::microseconds(100));
+                continue;
             }
-            // Mostly faster than the poller, after every fourth frame far slower: the ring runs empty and full.
-            std::this_thread::sleep_for(std::chrono::microseconds(frame.leftTimestamp % 4 == 1 ? 40000 : 100));
+            ImageReader::QueueData frame;
+            reader->getImageBlock(frame.left, frame.right, frame.leftTimestamp, frame.rightTimestamp);
+            received.push_back(frame);
+            // Stalls until both slots are taken and the poller has finished
+            // with one more message, which it had to drop.
+            if (frame.leftTimestamp % 4 == 1 && frame.leftTimestamp < 37 &&
+                waitFor([&] { return reader->frameReady->value() == 2; }) &&
+                waitFor([&] { return reader->queue->GetDataSize() > 0; })) {
+                const uint64_t polled = reader->pollCount();
+                fullSeen += waitFor([&] { return reader->pollCount() >= polled + 2; });
+            }
         }
     });
     for (int frame = 1; frame <= 40; ++frame) {
@@ -294,7 +307,10 @@ TEST_F(ImageReaderTest, ConcurrentConsumerSeesWholeFramesInOrder)
     done = true;
     consumer.join();
 
+    EXPECT_GT(emptySeen, 0);
+    EXPECT_GT(fullSeen, 0);
     ASSERT_FALSE(received.empty());
+    EXPECT_LT(received.size(), 40u) << "a full ring drops frames";
     uint64_t previous = 0;
     for (const ImageReader::QueueData& frame : received) {
         EXPECT_GT(frame.leftTimestamp, previous);

@@ -369,11 +369,38 @@ TEST_F(QueueRing, PrefixLongerThanTheBytesBehindItEmptiesTheRing)
     std::memcpy(raw->ring(), &almostAll, sizeof almostAll);
     narration([&] { EXPECT_EQ(queue->GetMessage(out), -4); });
     EXPECT_EQ(raw->trunk().begin, kSize - 1);
+}
 
-    // Indexes a faulty peer pushed out of range stay inside the ring.
-    raw->trunk().begin = 0xFFFFFF00u;
-    raw->trunk().end = 0x7FFFFFF0u;
-    narration([&] { queue->GetMessage(out); });
+// Indexes a faulty peer pushed out of range are taken modulo the ring and
+// written back inside it: a message is still read from, and written to, the
+// offsets the low bits name, and nothing else in the ring changes.
+TEST_F(QueueRing, IndexesPushedOutOfRangeStayInsideTheRing)
+{
+    const uint32_t highBits[] = {0xFFFFFF00u, 0x7FFFFF00u, 0x100u, 0x80000000u};
+    for (uint32_t junk : highBits) {
+        SCOPED_TRACE(junk);
+        emptyAt(100);
+        Bytes queued = pattern(20, 5);
+        ASSERT_EQ(queue->SendMessage(queued.data(), queued.size()), 0);  // ring 100..127
+        raw->trunk().begin = junk | 100u;
+        raw->trunk().end = junk | 128u;
+
+        Bytes before(raw->ring(), raw->ring() + kSize);
+        Bytes next = pattern(10, 6);
+        ASSERT_EQ(queue->SendMessage(next.data(), next.size()), 0);
+        EXPECT_EQ(raw->trunk().end, 146u);
+        EXPECT_EQ(raw->ring()[128], 10) << "prefix at the masked end";
+        EXPECT_EQ(std::memcmp(raw->ring() + 136, next.data(), next.size()), 0);
+        EXPECT_EQ(std::memcmp(raw->ring(), before.data(), 128), 0) << "nothing written before the end";
+        EXPECT_EQ(std::memcmp(raw->ring() + 146, before.data() + 146, kSize - 146), 0) << "nor after it";
+
+        ASSERT_EQ(queue->GetMessage(out), 20);
+        EXPECT_EQ(Bytes(out, out + 20), queued);
+        EXPECT_EQ(raw->trunk().begin, 128u);
+        ASSERT_EQ(queue->GetMessage(out), 10);
+        EXPECT_EQ(Bytes(out, out + 10), next);
+        EXPECT_EQ(queue->GetMessage(out), -3);
+    }
 }
 
 TEST(QueueRingLarge, LargestMessageIntoAnEmptyMegabyteRing)

@@ -94,10 +94,7 @@ LogCapture::LogCapture()
     });
 }
 
-LogCapture::~LogCapture()
-{
-    binolog::setHook(nullptr);
-}
+LogCapture::~LogCapture() { binolog::setHook(nullptr); }
 
 std::vector<binolog::Record> LogCapture::records() const
 {
@@ -151,7 +148,8 @@ ChildResult runInChild(const std::function<void()>& body, int timeoutSeconds)
     char chunk[4096];
     bool timedOut = false;
     for (;;) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
         if (left.count() <= 0) {
             timedOut = true;
             break;

@@ -72,10 +72,10 @@ private:
 };
 
 struct ChildResult {
-    bool exited = false;   ///< ended through exit() rather than a signal
-    int exitCode = -1;     ///< exit status (0..255) when exited
-    int signal = 0;        ///< terminating signal otherwise
-    std::string output;    ///< everything the child wrote to stdout and stderr
+    bool exited = false;  ///< ended through exit() rather than a signal
+    int exitCode = -1;    ///< exit status (0..255) when exited
+    int signal = 0;       ///< terminating signal otherwise
+    std::string output;   ///< everything the child wrote to stdout and stderr
 };
 
 /// Runs body in a forked child with stdout and stderr captured; the child

@@ -14,11 +14,11 @@
 #include <vector>
 
 #include "camsimoptions.h"
+#include "framelayout.h"
 #include "framemessage.h"
 #include "framesource.h"
 #include "rigcalibration.h"
 #include "shmmqueue.h"
-#include "framelayout.h"
 
 namespace {
 

@@ -21,8 +21,8 @@
 #include <string>
 #include <vector>
 
-#include "shmmqueue.h"
 #include "framelayout.h"
+#include "shmmqueue.h"
 
 namespace {
 
@@ -32,10 +32,7 @@ constexpr size_t kFrameMessage = framelayout::kRightImageOffset + framelayout::k
 
 volatile sig_atomic_t g_stop = 0;
 
-void onSignal(int)
-{
-    g_stop = 1;
-}
+void onSignal(int) { g_stop = 1; }
 
 uint64_t nowNs()
 {
@@ -175,10 +172,9 @@ int main(int argc, char** argv)
             usleep(50);
         }
         if (now >= tick) {
-            std::printf("%6.1f s  %6llu frames/s  %8.1f MB/s  latency avg %.1f us max %.1f us\n",
-                        (now - start) / 1e9, static_cast<unsigned long long>(tickFrames),
-                        tickFrames * kFrameMessage / 1e6, frames ? latencySum / 1e3 / frames : 0.0,
-                        latencyMax / 1e3);
+            std::printf("%6.1f s  %6llu frames/s  %8.1f MB/s  latency avg %.1f us max %.1f us\n", (now - start) / 1e9,
+                        static_cast<unsigned long long>(tickFrames), tickFrames * kFrameMessage / 1e6,
+                        frames ? latencySum / 1e3 / frames : 0.0, latencyMax / 1e3);
             std::fflush(stdout);
             tickFrames = 0;
             tick += 1000000000ULL;
@@ -188,11 +184,12 @@ int main(int argc, char** argv)
     waitpid(producer, nullptr, 0);
 
     const double elapsed = (nowNs() - start) / 1e9;
-    std::printf("summary: %llu frames of %zu bytes in %.2f s = %.1f frames/s, %.1f MB/s; "
-                "latency avg %.1f us, max %.1f us; lost %llu, corrupt %llu\n",
-                static_cast<unsigned long long>(frames), kFrameMessage, elapsed, frames / elapsed,
-                frames * kFrameMessage / elapsed / 1e6, frames ? latencySum / 1e3 / frames : 0.0, latencyMax / 1e3,
-                static_cast<unsigned long long>(lost), static_cast<unsigned long long>(corrupt));
+    std::printf(
+        "summary: %llu frames of %zu bytes in %.2f s = %.1f frames/s, %.1f MB/s; "
+        "latency avg %.1f us, max %.1f us; lost %llu, corrupt %llu\n",
+        static_cast<unsigned long long>(frames), kFrameMessage, elapsed, frames / elapsed,
+        frames * kFrameMessage / elapsed / 1e6, frames ? latencySum / 1e3 / frames : 0.0, latencyMax / 1e3,
+        static_cast<unsigned long long>(lost), static_cast<unsigned long long>(corrupt));
     queue.reset();  // removes the segment
     return corrupt == 0 && lost == 0 && frames > 0 ? 0 : 1;
 }
