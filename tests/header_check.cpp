@@ -1,0 +1,4 @@
+// The public header stands alone in C++ (see header_check.c).
+#include "binocular.h"
+
+int binocular_header_check_cpp() { return static_cast<int>(sizeof(BinoDistanceReport)); }
