@@ -12,6 +12,7 @@
 #include <csignal>
 #include <cstring>
 #include <memory>
+#include <random>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -80,14 +81,9 @@ std::unique_ptr<CMessageQueue> makeQueue(int key, size_t size,
 
 Bytes pattern(size_t length, unsigned seed)
 {
+    std::mt19937 random(seed);
     Bytes data(length);
-    uint32_t x = seed * 2654435761u + 1;
-    for (auto& byte : data) {
-        x ^= x << 13;
-        x ^= x >> 17;
-        x ^= x << 5;
-        byte = static_cast<unsigned char>(x);
-    }
+    std::generate(data.begin(), data.end(), [&random] { return static_cast<unsigned char>(random()); });
     return data;
 }
 
@@ -492,39 +488,22 @@ TEST(QueueLock, HeldAcrossProcessesAndReleasedByAHolderThatDies)
 
 namespace {
 
-// Message contents both sides derive from (writer, seq) alone, so a reader
-// checks every byte without the producer sending a checksum table. Messages of
-// 8 bytes or more start with the tag {writer, seq}.
-class Traffic {
-public:
-    Traffic(size_t minLength, size_t maxLength) : m_pool(pattern(512 * 1024, 42)), m_min(minLength), m_max(maxLength) {}
-    Bytes make(uint32_t writer, uint32_t seq) const
-    {
-        const size_t n = m_min + mix(writer, seq) % (m_max - m_min + 1);
-        const size_t offset = mix(seq, writer) % (m_pool.size() - n);
-        Bytes data(m_pool.begin() + offset, m_pool.begin() + offset + n);
-        const uint32_t tag[2] = {writer, seq};
-        std::memcpy(data.data(), tag, std::min(n, sizeof tag));
-        return data;
-    }
-    bool check(const unsigned char* data, int n, uint32_t writer, uint32_t seq) const
-    {
-        const Bytes expected = make(writer, seq);
-        return n == static_cast<int>(expected.size()) && std::memcmp(data, expected.data(), expected.size()) == 0;
-    }
-
-private:
-    static size_t mix(uint32_t a, uint32_t b)
-    {
-        uint64_t x = (uint64_t{a} << 32 | b) * 0x9E3779B97F4A7C15ULL;
-        x ^= x >> 29;
-        return static_cast<size_t>(x * 0xBF58476D1CE4E5B9ULL >> 16);
-    }
-
-    Bytes m_pool;
-    size_t m_min;
-    size_t m_max;
-};
+// Message `seq` of a writer: a slice of a fixed random pool whose length and
+// offset follow from (writer, seq) alone, so a reader checks every byte
+// without the producer sending a table. It starts with the tag {writer, seq},
+// cut to the message's length.
+Bytes traffic(uint32_t writer, uint32_t seq, size_t minLength, size_t maxLength)
+{
+    static const Bytes pool = pattern(512 * 1024, 42);
+    uint64_t x = (uint64_t{writer} << 32 | seq) * 0x9E3779B97F4A7C15ULL;
+    x = (x ^ x >> 29) * 0xBF58476D1CE4E5B9ULL;
+    const size_t n = minLength + (x >> 16) % (maxLength - minLength + 1);
+    const size_t offset = (x >> 40) % (pool.size() - n);
+    Bytes data(pool.begin() + offset, pool.begin() + offset + n);
+    const uint32_t tag[2] = {writer, seq};
+    std::memcpy(data.data(), tag, std::min(n, sizeof tag));
+    return data;
+}
 
 }  // namespace
 
@@ -549,7 +528,6 @@ TEST(QueueProcesses, EveryMessageArrivesOnceInOrderIntact)
         const int key = testsupport::uniqueKey(3 + load.model);
         SysvGuard guard{key};
         auto queue = makeQueue(key, load.ring, load.model);
-        const Traffic traffic(load.minLength, load.maxLength);
         const uint32_t total = load.writers * load.each;
         // Shared with the readers: [0] messages taken, [1] those out of order
         // or not byte-exact, then how often each (writer, seq) arrived.
@@ -573,8 +551,12 @@ TEST(QueueProcesses, EveryMessageArrivesOnceInOrderIntact)
                     if (load.writers > 1 && n >= 8) {
                         std::memcpy(tag, out.data(), sizeof tag);
                     }
-                    if (n < 0 || tag[0] >= load.writers || tag[1] >= load.each || tag[1] <= last[tag[0]] ||
-                        !traffic.check(out.data(), n, tag[0], tag[1])) {
+                    bool good = n > 0 && tag[0] < load.writers && tag[1] < load.each && tag[1] > last[tag[0]];
+                    if (good) {
+                        const Bytes expected = traffic(tag[0], tag[1], load.minLength, load.maxLength);
+                        good = n == static_cast<int>(expected.size()) && !std::memcmp(out.data(), expected.data(), n);
+                    }
+                    if (!good) {
                         __atomic_fetch_add(&tally[1], 1, __ATOMIC_RELAXED);
                     } else {
                         last[tag[0]] = tag[1];
@@ -588,7 +570,7 @@ TEST(QueueProcesses, EveryMessageArrivesOnceInOrderIntact)
         for (uint32_t writer = 0; writer < load.writers; ++writer) {
             children.fork([&, writer] {
                 for (uint32_t seq = 0; seq < load.each; ++seq) {
-                    Bytes data = traffic.make(writer, seq);
+                    Bytes data = traffic(writer, seq, load.minLength, load.maxLength);
                     int rc;
                     while ((rc = queue->SendMessage(data.data(), data.size())) == -2) {
                         sched_yield();  // ring full
