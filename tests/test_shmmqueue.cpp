@@ -89,6 +89,64 @@ Bytes pattern(size_t length, unsigned seed)
 
 bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
+// Forked helpers of one test. Each ends itself by SIGALRM after two minutes at
+// the latest, and none outlives the test.
+class Children {
+public:
+    ~Children()
+    {
+        for (pid_t pid : m_pids) {
+            kill(pid, SIGKILL);
+            waitpid(pid, nullptr, 0);
+        }
+    }
+    // Runs body in a child that ends with _exit(body()), never running the
+    // queue's destructor, which would remove the segment.
+    template <typename Body>
+    void fork(Body&& body)
+    {
+        std::fflush(stdout);
+        const pid_t pid = ::fork();
+        if (pid == 0) {
+            alarm(120);
+            _exit(body());
+        }
+        m_pids.push_back(pid);
+    }
+    // True when every child exited with status 0.
+    bool allExitedCleanly()
+    {
+        bool ok = true;
+        for (pid_t pid : m_pids) {
+            int status = 0;
+            waitpid(pid, &status, 0);
+            ok = ok && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+        }
+        m_pids.clear();
+        return ok;
+    }
+
+private:
+    std::vector<pid_t> m_pids;
+};
+
+// Message `seq` of a writer: a slice of a fixed random pool whose length and
+// offset follow from (writer, seq) alone, so a reader checks every byte
+// without the producer sending a table. It starts with the tag {writer, seq},
+// cut to the message's length.
+Bytes traffic(uint32_t writer, uint32_t seq, size_t minLength, size_t maxLength)
+{
+    static const Bytes pool = pattern(512 * 1024, 42);
+    uint64_t x = (uint64_t{writer} << 32 | seq) * 0x9E3779B97F4A7C15ULL;
+    x = (x ^ x >> 29) * 0xBF58476D1CE4E5B9ULL;
+    const size_t n = minLength + (x >> 16) % (maxLength - minLength + 1);
+    const size_t offset = (x >> 40) % (pool.size() - n);
+    Bytes data(pool.begin() + offset, pool.begin() + offset + n);
+    const uint32_t tag[2] = {writer, seq};
+    std::memcpy(data.data(), tag, std::min(n, sizeof tag));
+    return data;
+}
+
 }  // namespace
 
 TEST(QueueRounding, HighestBitAndPowerOfTwoRounding)
@@ -402,53 +460,6 @@ TEST_F(QueueRing, IndexesPushedOutOfRangeStayInsideTheRing)
     }
 }
 
-// ------------------------------------------------------- separate processes
-
-namespace {
-
-// Forked helpers of one test. Each ends itself by SIGALRM after two minutes at
-// the latest, and none outlives the test.
-class Children {
-public:
-    ~Children()
-    {
-        for (pid_t pid : m_pids) {
-            kill(pid, SIGKILL);
-            waitpid(pid, nullptr, 0);
-        }
-    }
-    // Runs body in a child that ends with _exit(body()), never running the
-    // queue's destructor, which would remove the segment.
-    template <typename Body>
-    void fork(Body&& body)
-    {
-        std::fflush(stdout);
-        const pid_t pid = ::fork();
-        if (pid == 0) {
-            alarm(120);
-            _exit(body());
-        }
-        m_pids.push_back(pid);
-    }
-    // True when every child exited with status 0.
-    bool allExitedCleanly()
-    {
-        bool ok = true;
-        for (pid_t pid : m_pids) {
-            int status = 0;
-            waitpid(pid, &status, 0);
-            ok = ok && WIFEXITED(status) && WEXITSTATUS(status) == 0;
-        }
-        m_pids.clear();
-        return ok;
-    }
-
-private:
-    std::vector<pid_t> m_pids;
-};
-
-}  // namespace
-
 // Another process's write lock keeps both try-locks out until its holder dies:
 // SEM_UNDO releases what a killed writer or an exiting reader held.
 TEST(QueueLock, HeldAcrossProcessesAndReleasedByAHolderThatDies)
@@ -496,27 +507,6 @@ TEST(QueueLock, HeldAcrossProcessesAndReleasedByAHolderThatDies)
     EXPECT_EQ(none.Wlock(), -1);
     EXPECT_THROW(none.TryWlock(), std::runtime_error);
 }
-
-namespace {
-
-// Message `seq` of a writer: a slice of a fixed random pool whose length and
-// offset follow from (writer, seq) alone, so a reader checks every byte
-// without the producer sending a table. It starts with the tag {writer, seq},
-// cut to the message's length.
-Bytes traffic(uint32_t writer, uint32_t seq, size_t minLength, size_t maxLength)
-{
-    static const Bytes pool = pattern(512 * 1024, 42);
-    uint64_t x = (uint64_t{writer} << 32 | seq) * 0x9E3779B97F4A7C15ULL;
-    x = (x ^ x >> 29) * 0xBF58476D1CE4E5B9ULL;
-    const size_t n = minLength + (x >> 16) % (maxLength - minLength + 1);
-    const size_t offset = (x >> 40) % (pool.size() - n);
-    Bytes data(pool.begin() + offset, pool.begin() + offset + n);
-    const uint32_t tag[2] = {writer, seq};
-    std::memcpy(data.data(), tag, std::min(n, sizeof tag));
-    return data;
-}
-
-}  // namespace
 
 // Writer processes each send `each` messages, retrying while the ring is full;
 // reader processes take them until all have arrived. In every model each

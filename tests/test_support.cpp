@@ -1,6 +1,5 @@
 #include "test_support.h"
 
-#include <signal.h>
 #include <sys/ipc.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
@@ -156,7 +155,6 @@ ChildResult runInChild(const std::function<void()>& body, int timeoutSeconds)
     }
     result.exited = WIFEXITED(status);
     result.exitCode = result.exited ? WEXITSTATUS(status) : -1;
-    result.signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
     return result;
 }
 

@@ -22,8 +22,6 @@ public:
     ScratchRoot(const ScratchRoot&) = delete;
     ScratchRoot& operator=(const ScratchRoot&) = delete;
 
-    const std::string& path() const { return m_path; }
-
 private:
     std::string m_path;
     std::string m_oldCwd;
@@ -71,7 +69,6 @@ private:
 struct ChildResult {
     bool exited = false;  ///< ended through exit() rather than a signal
     int exitCode = -1;    ///< exit status (0..255) when exited
-    int signal = 0;       ///< terminating signal otherwise
     std::string output;   ///< everything the child wrote to stdout and stderr
 };
 
