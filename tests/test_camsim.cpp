@@ -100,8 +100,7 @@ TEST(CamsimSources, ReplayImagePairAndApproachingScene)
 {
     testsupport::ScratchRoot root;
     std::string error;
-    cv::Mat left;
-    cv::Mat right;
+    cv::Mat left, right;
     std::string bytes(30, '\0');  // two and a half 4x3 frames
     std::iota(bytes.begin(), bytes.end(), 0);
     std::ofstream("l.yuv", std::ios::binary) << bytes;
@@ -144,8 +143,8 @@ TEST(CamsimSources, ReplayImagePairAndApproachingScene)
 
 uint64_t monotonicMicroseconds()
 {
-    const auto now = std::chrono::steady_clock::now().time_since_epoch();
-    return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::microseconds>(now).count());
+    using namespace std::chrono;
+    return static_cast<uint64_t>(duration_cast<microseconds>(steady_clock::now().time_since_epoch()).count());
 }
 
 // The program against a running reader.
@@ -179,9 +178,8 @@ protected:
 
     static std::string output()
     {
-        std::stringstream text;
-        text << std::ifstream("camsim.out").rdbuf();
-        return text.str();
+        std::ifstream file("camsim.out");
+        return {std::istreambuf_iterator<char>(file), {}};
     }
 
     // Frames the reader queues until `wanted` have come, or until camsim has
@@ -222,8 +220,7 @@ protected:
 TEST_F(CamsimProcessTest, FeedsARunningReaderAcrossRestarts)
 {
     scene::Rig rig;
-    cv::Mat uprightLeft;
-    cv::Mat uprightRight;
+    cv::Mat uprightLeft, uprightRight;
     scene::renderPair(rig, scene::SceneLayout(), uprightLeft, uprightRight);
     for (Common::Direction direction : {Common::FRONT, Common::DOWN}) {
         const std::string label = "--direction " + Common::binoString(direction);

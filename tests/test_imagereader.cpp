@@ -149,24 +149,16 @@ TEST_F(ImageReaderTest, RotatesByDirectionIntoTheUsedSize)
     for (cv::Size size : {cv::Size(kWidth, kHeight), cv::Size(37, 23)}) {
         for (Common::Direction direction : {Common::FRONT, Common::DOWN}) {
             SCOPED_TRACE(Common::binoString(direction) + " " + std::to_string(size.width));
-            const int w = size.width;
-            const int h = size.height;
-            const bool front = direction == Common::FRONT;
-            start(direction, w, h);
-            cv::Mat left = noise(size, 230);
-            cv::Mat right = noise(size, 230);
-            left.at<uint8_t>(3, 10) = 250;   // row 3, column 10
-            right.at<uint8_t>(5, 20) = 239;  // row 5, column 20
-            std::vector<unsigned char> bytes = message(left, right, 0x0000123456789abcull, 0x9f9e9d9c9b9a9998ull, w, h);
+            start(direction, size.width, size.height);
+            std::vector<unsigned char> bytes = message(noise(size, 256), noise(size, 256), 0x0000123456789abcull,
+                                                       0x9f9e9d9c9b9a9998ull, size.width, size.height);
             deliver(bytes);
-
             ImageReader::QueueData frame = take();
             EXPECT_EQ(stamps(frame), std::pair(0x0000123456789abcull, 0x9f9e9d9c9b9a9998ull));
-            EXPECT_EQ(reader->getUsedSize(), cv::Size(h, w));
-            ASSERT_EQ(frame.left.size(), cv::Size(h, w));
-            EXPECT_EQ(frame.left.at<uint8_t>(front ? cv::Point(h - 1 - 3, 10) : cv::Point(3, w - 1 - 10)), 240);
-            EXPECT_EQ(frame.right.at<uint8_t>(front ? cv::Point(h - 1 - 5, 20) : cv::Point(5, w - 1 - 20)), 239);
-            const auto turn = front ? cv::ROTATE_90_CLOCKWISE : cv::ROTATE_90_COUNTERCLOCKWISE;
+            const cv::Size used(size.height, size.width);
+            EXPECT_EQ(reader->getUsedSize(), used);
+            ASSERT_EQ(frame.left.size(), used);
+            const auto turn = direction == Common::FRONT ? cv::ROTATE_90_CLOCKWISE : cv::ROTATE_90_COUNTERCLOCKWISE;
             EXPECT_EQ(cv::countNonZero(frame.left != cv::min(turned(bytes, 12, size, turn), 240)), 0);
             EXPECT_EQ(cv::countNonZero(frame.right != cv::min(turned(bytes, 522252, size, turn), 240)), 0);
         }
@@ -203,7 +195,6 @@ TEST_F(ImageReaderTest, RemapsOnlyWhileEnabled)
                   cv::INTER_LINEAR);
         EXPECT_EQ(cv::countNonZero((i == 0 ? rectified.left : rectified.right) != cv::min(expected, 240)), 0) << i;
     }
-    EXPECT_GT(cv::countNonZero(rectified.left != plain.left), rectified.left.total() / 2);
 
     reader->enableRemap(false);
     deliver(bytes);
@@ -246,24 +237,6 @@ TEST_F(ImageReaderTest, NoImageAndLowLightStatus)
     deliver(message(barelyBright, flat(55), kDarkStamp, kDarkStamp));
     EXPECT_EQ(queued(), 1);
     EXPECT_EQ(reader->getBinoStatus().first, ImageReader::FRAMES_ARRIVING);
-}
-
-// Given two frames waiting, a third is dropped without a post; the two oldest
-// come out in order, as copies the poller leaves alone.
-TEST_F(ImageReaderTest, KeepsTheTwoOldestFramesAndDropsTheNewest)
-{
-    start();
-    for (int frame : {1, 2, 3}) {
-        deliver(message(flat(100 + frame), flat(110 + frame), frame, 10 + frame));
-    }
-    EXPECT_EQ(queued(), 2);
-    ImageReader::QueueData first = take();
-    ImageReader::QueueData second = take();
-    EXPECT_EQ(queued(), 0);
-    EXPECT_EQ(stamps(first), std::pair(1ull, 11ull));
-    EXPECT_EQ(stamps(second), std::pair(2ull, 12ull));
-    EXPECT_EQ(first.left.at<uint8_t>(kWidth / 2, kHeight / 2), 101);
-    EXPECT_EQ(first.right.at<uint8_t>(kWidth / 2, kHeight / 2), 111);
 }
 
 // A consumer thread sees every frame whole and in order while the producer
@@ -309,7 +282,6 @@ TEST_F(ImageReaderTest, ConcurrentConsumerSeesWholeFramesInOrder)
 
     EXPECT_GT(emptySeen, 0);
     EXPECT_GT(fullSeen, 0);
-    ASSERT_FALSE(received.empty());
     EXPECT_LT(received.size(), 40u) << "a full ring drops frames";
     uint64_t previous = 0;
     for (const ImageReader::QueueData& frame : received) {
@@ -320,18 +292,29 @@ TEST_F(ImageReaderTest, ConcurrentConsumerSeesWholeFramesInOrder)
     }
 }
 
-// A message of another width is read through the previous views with the
-// previous stamps; short or zero-size ones are never queued (no stale bytes),
-// nor is anything for a configured size no message can carry.
-TEST_F(ImageReaderTest, WrongSizeAndMalformedMessages)
+// Given two frames waiting, a third is read but dropped without a post; the
+// two oldest come out in order, as copies the poller leaves alone. A message
+// of another width is read through the previous views with the previous
+// (third frame's) stamps; short or zero-size ones are never queued (no stale
+// bytes), nor is anything for a configured size no message can carry.
+TEST_F(ImageReaderTest, KeepsTwoOldestFramesAndRefusesMisfitMessages)
 {
     start();
-    deliver(message(flat(100), flat(100), 11, 12));
-    take();
+    for (int frame : {1, 2, 3}) {
+        deliver(message(flat(100 + frame), flat(110 + frame), frame, 10 + frame));
+    }
+    EXPECT_EQ(queued(), 2);
+    ImageReader::QueueData first = take();
+    EXPECT_EQ(stamps(first), std::pair(1ull, 11ull));
+    EXPECT_EQ(first.left.at<uint8_t>(kWidth / 2, kHeight / 2), 101);
+    EXPECT_EQ(first.right.at<uint8_t>(kWidth / 2, kHeight / 2), 111);
+    EXPECT_EQ(stamps(take()), std::pair(2ull, 12ull));
+    EXPECT_EQ(queued(), 0);
+
     deliver(message(flat(150), flat(160), 21, 22, kWidth / 2, kHeight));
     ASSERT_EQ(log.count("[BINOLIB] [front] shm size do not match bino size!"), 1u);
     ImageReader::QueueData frame = take();
-    EXPECT_EQ(stamps(frame), std::pair(11ull, 12ull));
+    EXPECT_EQ(stamps(frame), std::pair(3ull, 13ull));
     EXPECT_EQ(frame.left.at<uint8_t>(kWidth / 2, kHeight / 2), 150);
     EXPECT_EQ(frame.right.at<uint8_t>(kWidth / 2, kHeight / 2), 160);
 
@@ -363,10 +346,13 @@ TEST_F(ImageReaderTest, WrongSizeAndMalformedMessages)
 }
 
 // A missing table: not calibrated, nothing loaded. Incomplete, unparsable or
-// misshapen files: calibrated, but Q stays the integer identity.
-TEST_F(ImageReaderTest, MissingOrBrokenCalibrationKeepsTheIdentity)
+// misshapen files: calibrated, but Q stays the integer identity. Complete
+// files: each camera reads only its own folder, and Q reprojects a disparity d
+// to Z = f * B / d (mm).
+TEST_F(ImageReaderTest, CalibrationFilesDecideQForEachCamera)
 {
     writeRig(Common::FRONT, 400);
+    EXPECT_FALSE(load(Common::DOWN)->calibOk);
     const std::string dir = camsim::calibrationDirectory(Common::FRONT);
     std::filesystem::remove(dir + "rightLut.dat");
     auto loaded = load(Common::FRONT);
@@ -376,35 +362,28 @@ TEST_F(ImageReaderTest, MissingOrBrokenCalibrationKeepsTheIdentity)
     EXPECT_TRUE(loaded->leftMap1.empty());
 
     std::ofstream(dir + "rightLut.dat");
+    const std::string intrinsics = dir + "intrinsicsBino.yml";
     const cv::Mat camera = (cv::Mat_<double>(3, 3) << 400, 0, 239.5, 0, 400, 319.5, 0, 0, 1);
     const cv::Mat zeros = cv::Mat::zeros(1, 5, CV_64F);
-    writeYaml(dir + "intrinsicsBino.yml", {{"M1", camera}, {"D1", zeros}, {"M2", camera}});
+    writeYaml(intrinsics, {{"M1", camera}, {"D1", zeros}, {"M2", camera}});
     loaded = load(Common::FRONT);
     EXPECT_TRUE(log.contains("[BINOLIB] [front] Intrinsics file is empty!"));
     EXPECT_TRUE(loaded->calibOk);
     EXPECT_EQ(loaded->getBinoStatus().second, ImageReader::CALIB_PRESENT);
     EXPECT_TRUE(isIntegerIdentity(loaded->getQ()));
-
-    std::ofstream(dir + "intrinsicsBino.yml") << "M1: [unbalanced\n\t: :\n";
+    std::ofstream(intrinsics) << "M1: [unbalanced\n\t: :\n";
     EXPECT_TRUE(isIntegerIdentity(load(Common::FRONT)->getQ()));
-    writeYaml(dir + "intrinsicsBino.yml",
-              {{"M1", cv::Mat::eye(2, 2, CV_64F)}, {"D1", zeros}, {"M2", camera}, {"D2", zeros}});
+    writeYaml(intrinsics, {{"M1", cv::Mat::eye(2, 2, CV_64F)}, {"D1", zeros}, {"M2", camera}, {"D2", zeros}});
     loaded = load(Common::FRONT);
     EXPECT_EQ(loaded->loadCalibParams(), -1);
     EXPECT_TRUE(isIntegerIdentity(loaded->getQ()));
     EXPECT_TRUE(loaded->leftMap1.empty());
-}
 
-// Each camera reads only its own folder; with the simulator's files Q
-// reprojects a disparity d to Z = f * B / d (mm).
-TEST_F(ImageReaderTest, EachCameraReprojectsWithItsOwnRig)
-{
     writeRig(Common::FRONT, 400);
-    EXPECT_FALSE(load(Common::DOWN)->calibOk);
     writeRig(Common::DOWN, 300);
     for (const auto& [direction, focalPx] : {std::pair(Common::FRONT, 400.0), std::pair(Common::DOWN, 300.0)}) {
         SCOPED_TRACE(Common::binoString(direction));
-        auto loaded = load(direction);
+        loaded = load(direction);
         ASSERT_TRUE(loaded->calibOk);
         ASSERT_EQ(loaded->getQ().type(), CV_64F);
         for (double d : {1.0, 8.0, 37.5}) {

@@ -14,9 +14,7 @@ namespace {
 // and the right image moved s px to the right (bicubic).
 double misfit(const cv::Mat& left, const cv::Mat& right, cv::Rect region, double s)
 {
-    cv::Mat leftF;
-    cv::Mat rightF;
-    cv::Mat moved;
+    cv::Mat leftF, rightF, moved;
     left(region).convertTo(leftF, CV_32F);
     right.convertTo(rightF, CV_32F);
     const cv::Mat move = (cv::Mat_<double>(2, 3) << 1, 0, region.x - s, 0, 1, region.y);
@@ -33,8 +31,7 @@ TEST(SceneRender, EachPlaneIsShiftedByItsExactDisparity)
         scene::SceneLayout layout;
         layout.obstacleM = obstacleM;
         layout.backgroundM = 17.0;
-        cv::Mat left;
-        cv::Mat right;
+        cv::Mat left, right;
         scene::renderPair(rig, layout, left, right);
         EXPECT_DOUBLE_EQ(scene::disparityPx(rig, obstacleM), 40.0 / obstacleM);
         const cv::Rect obstacle = scene::obstacleExtent(rig, layout);
@@ -63,8 +60,7 @@ TEST(SceneRender, ObstacleCoversItsRectangleInBothViews)
     layout.obstacleRect = cv::Rect(100, 200, 150, 120);
     scene::SceneLayout bare = layout;
     bare.obstacleM = 0.0;
-    cv::Mat left[2];
-    cv::Mat right[2];
+    cv::Mat left[2], right[2];
     scene::renderPair(rig, layout, left[0], right[0]);
     scene::renderPair(rig, bare, left[1], right[1]);
 
@@ -85,8 +81,7 @@ TEST(SceneRender, TextureIsInRangeTexturedAndSeeded)
 {
     const scene::Rig rig;
     scene::SceneLayout layout;
-    cv::Mat left[3];
-    cv::Mat right[3];
+    cv::Mat left[3], right[3];
     scene::renderPair(rig, layout, left[0], right[0]);
     scene::renderPair(rig, layout, left[1], right[1]);
     layout.seed = 977;
@@ -95,8 +90,7 @@ TEST(SceneRender, TextureIsInRangeTexturedAndSeeded)
         ASSERT_EQ(image.type(), CV_8UC1);
         ASSERT_EQ(image.size(), rig.size);
         EXPECT_EQ(cv::countNonZero((image < 25) | (image > 235)), 0);
-        cv::Scalar mean;
-        cv::Scalar deviation;
+        cv::Scalar mean, deviation;
         cv::meanStdDev(image, mean, deviation);
         EXPECT_NEAR(mean[0], 130.0, 15.0);
         EXPECT_GT(deviation[0], 25.0);

@@ -1,7 +1,5 @@
 #include "test_support.h"
 
-#include <poll.h>
-#include <signal.h>
 #include <sys/ipc.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
@@ -9,7 +7,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -24,15 +21,12 @@ namespace testsupport {
 ScratchRoot::ScratchRoot()
 {
     std::string pattern = (fs::temp_directory_path() / "binocular-test-XXXXXX").string();
-    std::vector<char> buffer(pattern.begin(), pattern.end());
-    buffer.push_back('\0');
-    if (mkdtemp(buffer.data()) == nullptr) {
+    if (mkdtemp(pattern.data()) == nullptr) {
         throw std::runtime_error("mkdtemp failed");
     }
-    m_path = buffer.data();
+    m_path = pattern;
     m_oldCwd = fs::current_path().string();
     if (const char* old = std::getenv(paths::kRootVariable)) {
-        m_hadRoot = true;
         m_oldRoot = old;
     }
     setenv(paths::kRootVariable, m_path.c_str(), 1);
@@ -43,13 +37,31 @@ ScratchRoot::~ScratchRoot()
 {
     std::error_code ignored;
     fs::current_path(m_oldCwd, ignored);
-    if (m_hadRoot) {
-        setenv(paths::kRootVariable, m_oldRoot.c_str(), 1);
+    if (m_oldRoot) {
+        setenv(paths::kRootVariable, m_oldRoot->c_str(), 1);
     } else {
         unsetenv(paths::kRootVariable);
     }
     fs::remove_all(m_path, ignored);
 }
+
+namespace {
+
+void removeAll(int key)
+{
+    const int shmId = shmget(key, 0, 0);
+    if (shmId != -1) {
+        shmctl(shmId, IPC_RMID, nullptr);
+    }
+    for (int semKey : {key, key + 1, key + 2}) {
+        const int semId = semget(semKey, 0, 0);
+        if (semId != -1) {
+            semctl(semId, 0, IPC_RMID);
+        }
+    }
+}
+
+}  // namespace
 
 SysvGuard::SysvGuard(std::initializer_list<int> keys) : m_keys(keys)
 {
@@ -62,20 +74,6 @@ SysvGuard::~SysvGuard()
 {
     for (int key : m_keys) {
         removeAll(key);
-    }
-}
-
-void SysvGuard::removeAll(int key)
-{
-    int shmId = shmget(key, 0, 0);
-    if (shmId != -1) {
-        shmctl(shmId, IPC_RMID, nullptr);
-    }
-    for (int semKey : {key, key + 1, key + 2}) {
-        int semId = semget(semKey, 0, 0);
-        if (semId != -1) {
-            semctl(semId, 0, IPC_RMID);
-        }
     }
 }
 
@@ -107,9 +105,7 @@ size_t LogCapture::count(const std::string& text) const
     std::lock_guard<std::mutex> lock(m_mutex);
     size_t n = 0;
     for (const auto& record : m_records) {
-        if (record.message.find(text) != std::string::npos) {
-            ++n;
-        }
+        n += record.message.find(text) != std::string::npos;
     }
     return n;
 }
@@ -128,11 +124,12 @@ ChildResult runInChild(const std::function<void()>& body, int timeoutSeconds)
     }
     std::fflush(stdout);
     std::fflush(stderr);
-    pid_t pid = fork();
+    const pid_t pid = fork();
     if (pid < 0) {
         throw std::runtime_error("fork failed");
     }
     if (pid == 0) {
+        alarm(static_cast<unsigned>(timeoutSeconds));  // bounds the read and the wait below
         close(fds[0]);
         dup2(fds[1], STDOUT_FILENO);
         dup2(fds[1], STDERR_FILENO);
@@ -144,45 +141,20 @@ ChildResult runInChild(const std::function<void()>& body, int timeoutSeconds)
     }
     close(fds[1]);
     ChildResult result;
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(timeoutSeconds);
     char chunk[4096];
-    bool timedOut = false;
-    for (;;) {
-        const auto left =
-            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-        if (left.count() <= 0) {
-            timedOut = true;
-            break;
-        }
-        pollfd pfd{fds[0], POLLIN, 0};
-        int ready = poll(&pfd, 1, static_cast<int>(left.count()));
-        if (ready < 0 && errno == EINTR) {
-            continue;
-        }
-        if (ready <= 0) {
-            timedOut = ready == 0;
-            break;
-        }
-        ssize_t n = read(fds[0], chunk, sizeof chunk);
+    for (ssize_t n; (n = read(fds[0], chunk, sizeof chunk)) != 0;) {
         if (n > 0) {
             result.output.append(chunk, static_cast<size_t>(n));
-        } else if (n == 0 || errno != EINTR) {
+        } else if (errno != EINTR) {
             break;
         }
     }
     close(fds[0]);
-    if (timedOut) {
-        kill(pid, SIGKILL);
-    }
     int status = 0;
     while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
     }
-    if (WIFEXITED(status)) {
-        result.exited = true;
-        result.exitCode = WEXITSTATUS(status);
-    } else if (WIFSIGNALED(status)) {
-        result.signal = WTERMSIG(status);
-    }
+    result.exited = WIFEXITED(status);
+    result.exitCode = result.exited ? WEXITSTATUS(status) : -1;
     return result;
 }
 

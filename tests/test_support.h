@@ -5,6 +5,7 @@
 #include <functional>
 #include <initializer_list>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -12,9 +13,8 @@
 
 namespace testsupport {
 
-/// A fresh directory that becomes both $BINOCULAR_ROOT and the working
-/// directory for the object's lifetime; both are restored and the directory
-/// removed afterwards.
+/// A fresh directory that is both $BINOCULAR_ROOT and the working directory
+/// while the object lives; both are restored and the directory removed after.
 class ScratchRoot {
 public:
     ScratchRoot();
@@ -22,13 +22,10 @@ public:
     ScratchRoot(const ScratchRoot&) = delete;
     ScratchRoot& operator=(const ScratchRoot&) = delete;
 
-    const std::string& path() const { return m_path; }
-
 private:
     std::string m_path;
     std::string m_oldCwd;
-    std::string m_oldRoot;
-    bool m_hadRoot = false;
+    std::optional<std::string> m_oldRoot;  // unset when the variable was
 };
 
 /// Removes the shared-memory segment at each key and the semaphore sets at
@@ -41,8 +38,6 @@ public:
     ~SysvGuard();
     SysvGuard(const SysvGuard&) = delete;
     SysvGuard& operator=(const SysvGuard&) = delete;
-
-    static void removeAll(int key);
 
 private:
     std::vector<int> m_keys;
@@ -74,13 +69,11 @@ private:
 struct ChildResult {
     bool exited = false;  ///< ended through exit() rather than a signal
     int exitCode = -1;    ///< exit status (0..255) when exited
-    int signal = 0;       ///< terminating signal otherwise
     std::string output;   ///< everything the child wrote to stdout and stderr
 };
 
 /// Runs body in a forked child with stdout and stderr captured; the child
-/// ends with _exit(0) when body returns. Waits at most timeoutSeconds, then
-/// kills the child.
+/// ends with _exit(0) when body returns, or by SIGALRM after timeoutSeconds.
 ChildResult runInChild(const std::function<void()>& body, int timeoutSeconds = 60);
 
 }  // namespace testsupport
