@@ -13,7 +13,7 @@ const CameraSettings::Key CameraSettings::kKeys[8] = {
     {"matcher", &CameraSettings::matcher, 0, "Disparity back end: 0 hardware stereo unit, 1 block matching, 2 reserved (none)."},
     {"processor", &CameraSettings::processor, 0, "Processor: 0 brake (distance and braking), 1 avoid."},
     {"saveImage", &CameraSettings::saveImage, 0, "Raw image recording: non-zero on, 0 off."},
-    {"saveInterval", &CameraSettings::saveInterval, 5, "Record one image set every this many frames."},
+    {"saveInterval", &CameraSettings::saveInterval, 5, "Record one image set every this many frames (1 or less: every frame)."},
 };
 
 CameraSettings::CameraSettings()
