@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <poll.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -13,7 +14,6 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <thread>
 
 #include "binologger.h"
 #include "paths.h"
@@ -214,42 +214,55 @@ TEST(BinoLoggerImages, BlockedDirectoriesAndFiles)
     }
 }
 
-// Every line written before a SIGKILL is in the file: lines are flushed one
-// by one, not at the end of the run.
+// Every line that writeLog had returned from before a SIGKILL is in the file:
+// the child reports each returned call through a pipe, the parent kills it
+// after 50 and counts the lines on disk.
 TEST(BinoLoggerDurability, KilledWriterLosesNoCompleteLine)
 {
     testsupport::ScratchRoot scratch;
     putCounter("2");
+    int progress[2];
+    ASSERT_EQ(pipe(progress), 0);
     const pid_t child = fork();
     ASSERT_GE(child, 0);
     if (child == 0) {
+        close(progress[0]);
         BinoLogger logger(Common::FRONT, 0, 1, kSize, [] { return at(11, 0, 0); });
         logger.open("H\n");
-        for (int line = 0; line < 20000; ++line) {  // about 2 s unless killed
+        for (int line = 0; line < 100000; ++line) {  // killed long before the end
             logger.writeLog({std::to_string(line)});
-            usleep(100);
+            if (write(progress[1], "+", 1) != 1) {
+                break;
+            }
         }
         _exit(0);
     }
-    const std::string file = frontRun("frontBino_2_11_0_0_2.log");
-    size_t seen = 0;
+    close(progress[1]);
+    size_t returned = 0;
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (seen < 50 && std::chrono::steady_clock::now() < deadline) {
-        const std::string text = slurp(file);
-        seen = static_cast<size_t>(std::count(text.begin(), text.end(), '\n'));
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    for (auto now = std::chrono::steady_clock::now(); returned < 50 && now < deadline;
+         now = std::chrono::steady_clock::now()) {
+        pollfd ready{progress[0], POLLIN, 0};
+        char mark;
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - now).count();
+        if (poll(&ready, 1, static_cast<int>(left)) != 1 || read(progress[0], &mark, 1) != 1) {
+            break;
+        }
+        ++returned;
     }
     kill(child, SIGKILL);
+    close(progress[0]);
     int status = 0;
     waitpid(child, &status, 0);
     ASSERT_TRUE(WIFSIGNALED(status));
-    const std::string written = slurp(file);
+    ASSERT_EQ(returned, 50u);
+    const std::string written = slurp(frontRun("frontBino_2_11_0_0_2.log"));
     std::string expected = "H\n";
     for (int line = 0; expected.size() < written.size(); ++line) {
         expected += std::to_string(line) + "\t\n";
     }
     EXPECT_EQ(written, expected);
-    EXPECT_GE(static_cast<size_t>(std::count(expected.begin(), expected.end(), '\n')), seen);
+    EXPECT_GE(static_cast<size_t>(std::count(written.begin(), written.end(), '\n')), returned + 1);
 }
 
 // Files that hit the size limit: each stream says so once per run, the
