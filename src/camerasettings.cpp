@@ -10,10 +10,12 @@ const CameraSettings::Key CameraSettings::kKeys[8] = {
     {"width", &CameraSettings::width, 640, "Image width in pixels as the camera delivers it."},
     {"height", &CameraSettings::height, 480, "Image height in pixels as the camera delivers it."},
     {"source", &CameraSettings::source, 0, "Frame source: 0 shared memory, 1 socket placeholder, 2 none."},
-    {"matcher", &CameraSettings::matcher, 0, "Disparity back end: 0 hardware stereo unit, 1 block matching, 2 reserved (none)."},
+    {"matcher", &CameraSettings::matcher, 0,
+     "Disparity back end: 0 hardware stereo unit, 1 block matching, 2 reserved (none)."},
     {"processor", &CameraSettings::processor, 0, "Processor: 0 brake (distance and braking), 1 avoid."},
     {"saveImage", &CameraSettings::saveImage, 0, "Raw image recording: non-zero on, 0 off."},
-    {"saveInterval", &CameraSettings::saveInterval, 5, "Record one image set every this many frames (1 or less: every frame)."},
+    {"saveInterval", &CameraSettings::saveInterval, 5,
+     "Record one image set every this many frames (1 or less: every frame)."},
 };
 
 CameraSettings::CameraSettings()

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <deque>
 #include <unordered_set>
 
 #include "uniquefd.h"
@@ -114,6 +115,14 @@ std::string keyLine(const std::string& key, const std::string& value)
         line.push_back(c);
     }
     return line + " = " + value;
+}
+
+void appendSection(std::vector<std::string>& lines, const std::string& name, const IniFile::Section& section)
+{
+    lines.push_back("[" + name + "]");
+    for (const auto& [key, value] : section.items()) {
+        lines.push_back(keyLine(key, value));
+    }
 }
 
 std::string joinLines(const std::vector<std::string>& lines)
@@ -269,10 +278,7 @@ std::string IniFile::render() const
 {
     std::vector<std::string> lines;
     for (const auto& [name, section] : m_sections) {
-        lines.push_back("[" + name + "]");
-        for (const auto& [key, value] : section.items()) {
-            lines.push_back(keyLine(key, value));
-        }
+        appendSection(lines, name, section);
     }
     return joinLines(lines);
 }
@@ -285,93 +291,73 @@ std::string IniFile::mergeInto(std::string_view existing) const
         existing.remove_prefix(kByteOrderMark.size());
     }
     const bool finalLineFeed = !existing.empty() && existing.back() == '\n';
-    std::vector<std::pair<std::string_view, Line>> fileLines;
-    forEachLine(existing, [&](std::string_view raw) { fileLines.emplace_back(raw, classify(raw)); });
+    std::vector<std::string_view> rawLines;
+    forEachLine(existing, [&rawLines](std::string_view raw) { rawLines.push_back(raw); });
     if (finalLineFeed) {
-        fileLines.pop_back();  // the empty text after the last line feed is no line
-    }
-    std::unordered_map<std::string, std::unordered_set<std::string>> keysInFile;
-    {
-        const std::string* section = nullptr;
-        for (const auto& [raw, line] : fileLines) {
-            if (line.kind == Line::SECTION) {
-                section = &line.name;
-            } else if (line.kind == Line::KEY && section != nullptr) {
-                keysInFile[*section].insert(line.name);
-            }
-        }
+        rawLines.pop_back();  // the empty text after the last line feed is no line
     }
 
+    using Entry = std::pair<std::string, Section>;
     std::vector<std::string> kept;
-    std::unordered_map<std::string, size_t> lastLineOfFirstOccurrence;  // section -> index in kept
-    std::unordered_map<std::string, std::unordered_set<std::string>> keysWritten;
-    const std::pair<std::string, Section>* current = nullptr;  // section of the file line being merged, if held
+    // Per held section met in the file, in file order: the kept line after
+    // which the keys the file lacks go (the last kept line of the first
+    // occurrence), and the keys written from the file's own lines.
+    struct Anchor {
+        const Entry* section;
+        size_t afterLine;
+        std::unordered_set<std::string> written;
+    };
+    std::deque<Anchor> anchors;                        // a deque: `current` stays valid as it grows
+    std::unordered_map<std::string, size_t> anchorOf;  // section name -> index in anchors
+    Anchor* current = nullptr;                         // null outside a held section
     bool firstOccurrence = false;
-    for (const auto& [raw, line] : fileLines) {
-        switch (line.kind) {
-        case Line::KEPT:
+    for (std::string_view raw : rawLines) {
+        const Line line = classify(raw);
+        if (line.kind == Line::KEPT) {
             kept.emplace_back(raw);
-            break;
-        case Line::IGNORED:
-            break;
-        case Line::SECTION: {
+        } else if (line.kind == Line::SECTION) {
             const auto held = m_index.find(line.name);
-            current = held == m_index.end() ? nullptr : &m_sections[held->second];
-            if (current != nullptr) {
+            current = nullptr;
+            if (held != m_index.end()) {
                 kept.emplace_back(raw);
-                firstOccurrence = lastLineOfFirstOccurrence.emplace(line.name, kept.size() - 1).second;
+                const auto [place, first] = anchorOf.emplace(line.name, anchors.size());
+                if (first) {
+                    anchors.push_back({&m_sections[held->second], kept.size() - 1, {}});
+                }
+                current = &anchors[place->second];
+                firstOccurrence = first;
             }
-            break;
-        }
-        case Line::KEY:
-            if (current == nullptr || !current->second.has(line.name) ||
-                !keysWritten[current->first].insert(line.name).second) {
-                break;
-            }
-            if (const std::string value = current->second.get(line.name); value == line.value) {
+        } else if (line.kind == Line::KEY && current != nullptr && current->section->second.has(line.name) &&
+                   current->written.insert(line.name).second) {
+            const std::string value = current->section->second.get(line.name);
+            if (value == line.value) {
                 kept.emplace_back(raw);
             } else {
                 kept.push_back(std::string(raw.substr(0, line.valueBegin)) + value +
                                std::string(raw.substr(line.valueEnd)));
             }
             if (firstOccurrence) {
-                lastLineOfFirstOccurrence[current->first] = kept.size() - 1;
+                current->afterLine = kept.size() - 1;
             }
-            break;
         }
     }
 
-    std::unordered_map<size_t, const std::pair<std::string, Section>*> missingKeysAfter;
-    for (const auto& entry : m_sections) {
-        const auto found = lastLineOfFirstOccurrence.find(entry.first);
-        if (found != lastLineOfFirstOccurrence.end()) {
-            missingKeysAfter[found->second] = &entry;
-        }
-    }
-    std::vector<std::string> merged;
-    for (size_t i = 0; i < kept.size(); ++i) {
-        merged.push_back(std::move(kept[i]));
-        const auto found = missingKeysAfter.find(i);
-        if (found == missingKeysAfter.end()) {
-            continue;
-        }
-        const auto& [name, section] = *found->second;
-        const auto& present = keysInFile[name];
-        for (const auto& [key, value] : section.items()) {
-            if (present.count(key) == 0) {
-                merged.push_back(keyLine(key, value));
+    // The last anchor first, so the line indexes of the earlier ones hold.
+    for (auto anchor = anchors.rbegin(); anchor != anchors.rend(); ++anchor) {
+        std::vector<std::string> missing;
+        for (const auto& [key, value] : anchor->section->second.items()) {
+            if (anchor->written.count(key) == 0) {
+                missing.push_back(keyLine(key, value));
             }
         }
+        kept.insert(kept.begin() + static_cast<std::ptrdiff_t>(anchor->afterLine) + 1, missing.begin(), missing.end());
     }
     for (const auto& [name, section] : m_sections) {
-        if (lastLineOfFirstOccurrence.count(name) == 0) {
-            merged.push_back("[" + name + "]");
-            for (const auto& [key, value] : section.items()) {
-                merged.push_back(keyLine(key, value));
-            }
+        if (anchorOf.count(name) == 0) {
+            appendSection(kept, name, section);
         }
     }
-    return bom + joinLines(merged) + (finalLineFeed ? "\n" : "");
+    return bom + joinLines(kept) + (finalLineFeed ? "\n" : "");
 }
 
 bool IniFile::read(const std::string& path)

@@ -152,9 +152,9 @@ TEST(BinoLoggerImages, IntervalPicksTheFrames)
         }
         logger.close();
         ASSERT_EQ(capture.records().size(), 1u);
-        EXPECT_EQ(capture.records()[0].message, "[BINOLIB] [front] BinoLogger saveImage: " +
-                                                    std::to_string(c.saveImage) +
-                                                    ", saveInterval: " + std::to_string(c.saveInterval));
+        EXPECT_EQ(capture.records()[0].message,
+                  "[BINOLIB] [front] BinoLogger saveImage: " + std::to_string(c.saveImage) +
+                      ", saveInterval: " + std::to_string(c.saveInterval));
         const std::string run = frontRun("frontBino_4_8_0_0_4");
         if (!c.saveImage) {
             EXPECT_FALSE(fs::exists(run));
@@ -297,7 +297,8 @@ TEST(BinoLoggerDurability, FullFileIsReportedOncePerStreamAndRun)
         for (const std::string& file : {stem + ".log", stem + "/gray_40x30_left.yuv", stem + "/gray_40x30_right.yuv"}) {
             const std::string line = "100|[BINOLIB] [front] write " + frontRun(file) + " failed.\n";
             size_t count = 0;
-            for (size_t pos = child.output.find(line); pos != std::string::npos; pos = child.output.find(line, pos + 1)) {
+            for (size_t pos = child.output.find(line); pos != std::string::npos;
+                 pos = child.output.find(line, pos + 1)) {
                 ++count;
             }
             EXPECT_EQ(count, 1u) << line << child.output;

@@ -47,11 +47,19 @@ TEST(CameraSettings, EveryKeyOfTheSectionIsRequired)
         bool vision;
         std::vector<int> settings;
     } cases[] = {
-        {"complete", "[common]\nvisionSwitch=1\n[front]\nwidth=1\n[Down]\n" + full + "SaveInterval=-1",
-         true, false, true, {1, 320, 240, 2, 1, 1, 1, -1}},
+        {"complete",
+         "[common]\nvisionSwitch=1\n[front]\nwidth=1\n[Down]\n" + full + "SaveInterval=-1",
+         true,
+         false,
+         true,
+         {1, 320, 240, 2, 1, 1, 1, -1}},
         {"no file", "", false, false, false, kDefaults},
         {"no section", "[common]\nvisionSwitch=1\n[front]\n" + full + "saveInterval=3", true, true, true, kDefaults},
-        {"one key missing", "[common]\nvisionSwitch=2\n[down]\n" + full, true, true, true,
+        {"one key missing",
+         "[common]\nvisionSwitch=2\n[down]\n" + full,
+         true,
+         true,
+         true,
          {1, 320, 240, 2, 1, 1, 1, 5}},
         {"no common", "[down]\n" + full + "saveInterval=3", true, true, false, kDefaults},
     };
@@ -92,8 +100,8 @@ TEST(CameraSettings, ExampleFileDocumentsTheKeyTable)
         EXPECT_EQ(example[section].items().size(), 8u);
         for (const auto& key : CameraSettings::kKeys) {
             EXPECT_EQ(example[section].get(key.name), std::to_string(key.defaultValue)) << key.name;
-            const std::string documented = std::string("; ") + key.meaning + " Default: " +
-                                           std::to_string(key.defaultValue) + ".\n" + key.name + " = ";
+            const std::string documented = std::string("; ") + key.meaning +
+                                           " Default: " + std::to_string(key.defaultValue) + ".\n" + key.name + " = ";
             EXPECT_NE(text.str().find(documented), std::string::npos) << documented;
         }
     }
