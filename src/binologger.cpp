@@ -111,7 +111,7 @@ void BinoLogger::close()
         };
         closeIfOpen(leftFile, leftPath);
         closeIfOpen(rightFile, rightPath);
-        closeIfOpen(disparityFile, std::string());  // never written, so nothing to lose
+        closeIfOpen(disparityFile, disparityPath);
     }
     logOpen = false;
 }
@@ -171,25 +171,25 @@ void BinoLogger::createImageDirAndFile(int index, const std::string& time)
     // until close().
     struct ImageStream {
         std::ofstream& stream;
-        std::string* path;
-        std::string name;
-        const char* failure;
+        std::string& path;
+        const char* name;
     };
-    ImageStream streams[] = {
-        {leftFile, &leftPath, stem + "_left.yuv", "%s open left.yuv failed."},
-        {rightFile, &rightPath, stem + "_right.yuv", "%s open right.yuv failed."},
-        {disparityFile, nullptr, stem + "_disparity.yuv", "%s open disparity.yuv failed."},
+    const ImageStream streams[] = {
+        {leftFile, leftPath, "left.yuv"},
+        {rightFile, rightPath, "right.yuv"},
+        {disparityFile, disparityPath, "disparity.yuv"},
     };
-    for (ImageStream& image : streams) {
+    for (const ImageStream& image : streams) {
         const bool wasOpen = image.stream.is_open();
-        image.stream.open(image.name, std::ios::out | std::ios::binary | std::ios::app);
-        if (!wasOpen && image.stream.is_open() && image.path != nullptr) {
-            *image.path = image.name;
+        const std::string path = stem + "_" + image.name;
+        image.stream.open(path, std::ios::out | std::ios::binary | std::ios::app);
+        if (!wasOpen && image.stream.is_open()) {
+            image.path = path;
         }
     }
     for (const ImageStream& image : streams) {
         if (!image.stream.is_open()) {
-            BINO_ERROR(image.failure, logHeader.c_str());
+            BINO_ERROR("%s open %s failed.", logHeader.c_str(), image.name);
         }
     }
 }

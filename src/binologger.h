@@ -93,9 +93,11 @@ public:
     std::ofstream disparityFile;
 
     Clock clock;
-    std::string logPath;    ///< file of logFile, for the write failure line
-    std::string leftPath;   ///< file of leftFile
-    std::string rightPath;  ///< file of rightFile
+    // The file each stream last opened, named by the write failure line.
+    std::string logPath;
+    std::string leftPath;
+    std::string rightPath;
+    std::string disparityPath;
 
 private:
     /// Logs "%s write %s failed." when stream was writable before an

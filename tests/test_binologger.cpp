@@ -167,11 +167,12 @@ TEST(BinoLoggerImages, BlockedDirectoriesAndFiles)
         bool isDirectory;
         const char* logged;  // the ERROR line of each open, if any
         bool recordOpen;
-        bool emptyImages;  // the image files exist and stay empty; otherwise there are none
+        bool emptyImages;  // the right image file exists and stays empty; otherwise it does not exist
     } cases[] = {
         {"../../log", false, "[BINOLIB] [front] create bino log dir failed.", false, false},
         {"frontBino_1_10_0_0_1", false, nullptr, true, false},
         {"frontBino_1_10_0_0_1.log", true, "[BINOLIB] [front] open bino log failed.", false, true},
+        {"frontBino_1_10_0_0_1/gray_4x3_left.yuv", true, "[BINOLIB] [front] open left.yuv failed.", true, true},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.blocker);
@@ -191,9 +192,9 @@ TEST(BinoLoggerImages, BlockedDirectoriesAndFiles)
         logger.close();
         EXPECT_EQ(capture.records().size(), c.logged ? 2u : 0u);
         EXPECT_EQ(capture.count(c.logged ? c.logged : "[BINOLIB]"), c.logged ? 2u : 0u);
-        const std::string left = front("frontBino_1_10_0_0_1/gray_4x3_left.yuv");
-        const int leftBytes = fs::exists(left) ? static_cast<int>(fs::file_size(left)) : -1;  // -1: no file
-        EXPECT_EQ(leftBytes, c.emptyImages ? 0 : -1);
+        const std::string right = front("frontBino_1_10_0_0_1/gray_4x3_right.yuv");
+        const int rightBytes = fs::exists(right) ? static_cast<int>(fs::file_size(right)) : -1;  // -1: no file
+        EXPECT_EQ(rightBytes, c.emptyImages ? 0 : -1);
     }
 }
 
