@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <deque>
 #include <unordered_set>
@@ -154,31 +155,25 @@ bool writeAll(int fd, std::string_view bytes)
 {
     while (!bytes.empty()) {
         const ssize_t n = ::write(fd, bytes.data(), bytes.size());
-        if (n > 0) {
-            bytes.remove_prefix(static_cast<size_t>(n));
-        } else if (n < 0 && errno != EINTR) {
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
             return false;
         }
+        bytes.remove_prefix(static_cast<size_t>(n));
     }
     return true;
-}
-
-std::string directoryOf(const std::string& path)
-{
-    const size_t slash = path.rfind('/');
-    if (slash == std::string::npos) {
-        return ".";
-    }
-    return slash == 0 ? "/" : path.substr(0, slash);
 }
 
 /// Puts content at path through a temporary file beside it and rename(2).
 bool replaceFile(const std::string& path, std::string_view content, mode_t mode)
 {
-    const std::string directory = directoryOf(path);
     const size_t slash = path.rfind('/');
-    std::string temporary = (slash == std::string::npos ? std::string() : path.substr(0, slash + 1)) + "." +
-                            path.substr(slash == std::string::npos ? 0 : slash + 1) + ".XXXXXX";
+    const size_t nameStart = slash == std::string::npos ? 0 : slash + 1;
+    const std::string directory = slash == std::string::npos ? "." : path.substr(0, std::max<size_t>(slash, 1));
+    // ".<name>.XXXXXX": hidden, and never a name the module reads.
+    std::string temporary = path.substr(0, nameStart) + "." + path.substr(nameStart) + ".XXXXXX";
     UniqueFd out(mkostemp(temporary.data(), O_CLOEXEC));
     if (!out.isValid()) {
         return false;
