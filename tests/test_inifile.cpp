@@ -118,9 +118,6 @@ TEST(IniFileFiles, ReadAndWriteFailCleanlyAndReplaceWhole)
     ASSERT_TRUE(ini.write(scratch.path() + "/kept.ini"));
     EXPECT_EQ(slurp("kept.ini"), "; mine\n[common]\nk = 1\n");
     EXPECT_EQ(fs::status("kept.ini").permissions(), fs::perms(0600));
-    IniFile back;
-    ASSERT_TRUE(back.read("kept.ini"));
-    EXPECT_EQ(back, ini);
     EXPECT_EQ(std::distance(fs::directory_iterator("."), fs::directory_iterator()), 3);  // dir, new, kept
 }
 
