@@ -264,7 +264,7 @@ TEST(BinoLoggerDurability, FullFileIsReportedOncePerStreamAndRun)
             std::printf("%d|%s\n", record.level, record.message.c_str());
         }
     });
-    ASSERT_TRUE(child.exited) << child.output;
+    ASSERT_TRUE(child.exited && child.exitCode == 0) << child.output;
     std::vector<std::string> expected, reported;
     for (const char* stem : {"frontBino_3_12_0_0_3", "frontBino_3_12_0_1_3"}) {
         for (const char* file : {".log", "/gray_40x30_left.yuv", "/gray_40x30_right.yuv"}) {

@@ -135,7 +135,7 @@ TEST(IniFileDurability, FailedWriteLeavesTheOldFileWhole)
         ini["common"].set("visionSwitch", std::string(200, '1'));
         std::printf("write=%d\n", ini.write("switch.ini"));
     });
-    ASSERT_TRUE(child.exited) << child.output;
+    ASSERT_TRUE(child.exited && child.exitCode == 0) << child.output;
     EXPECT_NE(child.output.find("write=0"), std::string::npos) << child.output;
     EXPECT_EQ(slurp("switch.ini"), "[common]\nvisionSwitch = 0\n");
     EXPECT_EQ(std::distance(fs::directory_iterator("."), fs::directory_iterator()), 1);
