@@ -1,0 +1,281 @@
+// Record files and raw images of a camera pair. Start times come from an
+// injected clock, so no test waits for the wall clock.
+
+#include <gtest/gtest.h>
+
+#include <poll.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+
+#include "binologger.h"
+#include "paths.h"
+#include "test_support.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+const cv::Size kSize(4, 3);  // 12 bytes per recorded image
+
+std::time_t at(int hour, int minute, int second)  // local time on 2020-01-15
+{
+    std::tm local{};
+    local.tm_year = 120;
+    local.tm_mday = 15;
+    local.tm_hour = hour;
+    local.tm_min = minute;
+    local.tm_sec = second;
+    local.tm_isdst = -1;
+    return std::mktime(&local);
+}
+
+std::string slurp(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+void putCounter(const char* text)
+{
+    fs::create_directories(fs::path(paths::resolve(paths::kZlogCountFile)).parent_path());
+    std::ofstream(paths::resolve(paths::kZlogCountFile)) << text;
+}
+
+cv::Mat image(int value) { return cv::Mat(kSize, CV_8UC1, cv::Scalar(value)); }
+
+std::string frames(const std::vector<int>& values, int offset = 0)
+{
+    std::string bytes;
+    for (int value : values) {
+        bytes += std::string(12, static_cast<char>(value + offset));
+    }
+    return bytes;
+}
+
+std::string front(const std::string& name) { return paths::resolve(paths::kFrontLogDir) + name; }
+
+}  // namespace
+
+// Given a direction, a counter file (nullptr: absent) and a start time, the
+// record file has the listed name and holds every line once it is written.
+TEST(BinoLoggerRecord, NameHeaderAndFlushedLines)
+{
+    struct Case {
+        Common::Direction direction;
+        const char* counter;
+        std::time_t start;
+        const char* name;
+    } cases[] = {
+        {Common::DOWN, "7", at(23, 59, 59), "downBino_7_23_59_59_7.log"},
+        {Common::FRONT, nullptr, at(9, 5, 7), "frontBino_-1_9_5_7_-1.log"},
+        {Common::FRONT, "text 5", at(0, 0, 0), "frontBino_0_0_0_0_0.log"},
+        {Common::FRONT, "", at(12, 0, 1), "frontBino_0_12_0_1_0.log"},
+        {Common::DOWN, " \n -12 9", at(1, 2, 3), "downBino_-12_1_2_3_-12.log"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        testsupport::ScratchRoot scratch;
+        if (c.counter) {
+            putCounter(c.counter);
+        }
+        BinoLogger logger(c.direction, 0, 5, kSize, [&c] { return c.start; });
+        testsupport::LogCapture capture;
+        logger.open("h1\th2\t\n");
+        logger.writeLog({"a", "b", "c"});
+        logger.writeLog({});
+        const char* dir = c.direction == Common::FRONT ? paths::kFrontLogDir : paths::kDownLogDir;
+        EXPECT_EQ(slurp(paths::resolve(dir) + c.name), "h1\th2\t\na\tb\tc\t\n\n");
+        logger.close();
+        EXPECT_EQ(capture.records().size(), c.counter ? 0u : 1u);
+        EXPECT_EQ(capture.count("[BINOLIB] [front] open zlog cnt file failed."), c.counter ? 0u : 1u);
+    }
+}
+
+// Within one second a new run continues the same files (header again); a
+// second later it starts new ones. The image cadence ignores run boundaries.
+TEST(BinoLoggerRecord, RunsInTheSameSecondShareTheirFiles)
+{
+    testsupport::ScratchRoot scratch;
+    putCounter("1");
+    std::time_t now = at(10, 0, 0);
+    BinoLogger logger(Common::FRONT, 1, 3, kSize, [&now] { return now; });
+    testsupport::LogCapture capture;
+    logger.close();  // never opened: nothing to say, nor for a dropped line
+    logger.writeLog({"dropped"});
+    for (int run = 0; run < 3; ++run) {
+        now += run == 2 ? 1 : 0;
+        logger.open("H\n");
+        logger.writeLog({std::to_string(run)});
+        for (int frame = 1; frame <= 4; ++frame) {
+            logger.writeImage(image(run * 4 + frame), image(0), cv::Mat(), {});
+        }
+        logger.close();
+    }
+    EXPECT_EQ(slurp(front("frontBino_1_10_0_0_1.log")), "H\n0\t\nH\n1\t\n");
+    EXPECT_EQ(slurp(front("frontBino_1_10_0_1_1.log")), "H\n2\t\n");
+    EXPECT_EQ(slurp(front("frontBino_1_10_0_0_1/gray_4x3_left.yuv")), frames({3, 6}));
+    EXPECT_EQ(slurp(front("frontBino_1_10_0_1_1/gray_4x3_left.yuv")), frames({9, 12}));
+    EXPECT_TRUE(capture.records().empty());
+}
+
+// Given saveImage and saveInterval, exactly the listed frames are recorded
+// (W x H bytes each) beside an empty disparity file; nothing without saveImage.
+TEST(BinoLoggerImages, IntervalPicksTheFrames)
+{
+    struct Case {
+        int saveImage, saveInterval, calls;
+        std::vector<int> recorded;
+    } cases[] = {{1, 3, 10, {3, 6, 9}}, {7, 0, 3, {1, 2, 3}}, {1, -2, 2, {1, 2}}, {0, 1, 3, {}}};
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.saveInterval);
+        testsupport::ScratchRoot scratch;
+        putCounter("4");
+        testsupport::LogCapture capture;
+        BinoLogger logger(Common::FRONT, c.saveImage, c.saveInterval, kSize, [] { return at(8, 0, 0); });
+        logger.open("H\n");
+        for (int frame = 1; frame <= c.calls; ++frame) {
+            logger.writeImage(image(frame), image(100 + frame), image(0), {});
+        }
+        logger.close();
+        ASSERT_EQ(capture.records().size(), 1u);
+        EXPECT_EQ(capture.records()[0].message,
+                  "[BINOLIB] [front] BinoLogger saveImage: " + std::to_string(c.saveImage) +
+                      ", saveInterval: " + std::to_string(c.saveInterval));
+        const std::string run = front("frontBino_4_8_0_0_4/gray_4x3");
+        EXPECT_EQ(fs::exists(front("frontBino_4_8_0_0_4")), c.saveImage != 0);
+        EXPECT_EQ(fs::exists(run + "_disparity.yuv") && fs::file_size(run + "_disparity.yuv") == 0, c.saveImage != 0);
+        EXPECT_EQ(slurp(run + "_left.yuv"), frames(c.recorded));
+        EXPECT_EQ(slurp(run + "_right.yuv"), frames(c.recorded, 100));
+        EXPECT_EQ(logger.imageCounter, c.saveImage ? c.calls % std::max(c.saveInterval, 1) : 0);
+    }
+}
+
+// Given something in the way of a directory or the record file, two opens
+// (the second while the image files are open, which drops their frames
+// silently) fail as listed and make no image file they should not.
+TEST(BinoLoggerImages, BlockedDirectoriesAndFiles)
+{
+    struct Case {
+        const char* blocker;  // below the front log directory
+        bool isDirectory;
+        const char* logged;  // the ERROR line of each open, if any
+        bool recordOpen;
+        bool emptyImages;  // the right image file exists and stays empty; otherwise it does not exist
+    } cases[] = {
+        {"../../log", false, "[BINOLIB] [front] create bino log dir failed.", false, false},
+        {"frontBino_1_10_0_0_1", false, nullptr, true, false},
+        {"frontBino_1_10_0_0_1.log", true, "[BINOLIB] [front] open bino log failed.", false, true},
+        {"frontBino_1_10_0_0_1/gray_4x3_left.yuv", true, "[BINOLIB] [front] open left.yuv failed.", true, true},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.blocker);
+        testsupport::ScratchRoot scratch;
+        putCounter("1");
+        const fs::path blocker = fs::path(front(c.blocker)).lexically_normal();
+        fs::create_directories(c.isDirectory ? blocker : blocker.parent_path());
+        if (!c.isDirectory) {
+            std::ofstream(blocker) << "x";
+        }
+        BinoLogger logger(Common::FRONT, 1, 1, kSize, [] { return at(10, 0, 0); });
+        testsupport::LogCapture capture;
+        logger.open("H\n");
+        logger.open("H\n");
+        EXPECT_EQ(logger.isOpen(), c.recordOpen);
+        logger.writeImage(image(1), image(2), image(0), {});
+        logger.close();
+        EXPECT_EQ(capture.records().size(), c.logged ? 2u : 0u);
+        EXPECT_EQ(capture.count(c.logged ? c.logged : "[BINOLIB]"), c.logged ? 2u : 0u);
+        const std::string right = front("frontBino_1_10_0_0_1/gray_4x3_right.yuv");
+        const int rightBytes = fs::exists(right) ? static_cast<int>(fs::file_size(right)) : -1;  // -1: no file
+        EXPECT_EQ(rightBytes, c.emptyImages ? 0 : -1);
+    }
+}
+
+// Every line that writeLog had returned from before a SIGKILL is in the file:
+// the child reports each return through a pipe and is killed after 50.
+TEST(BinoLoggerDurability, KilledWriterLosesNoCompleteLine)
+{
+    testsupport::ScratchRoot scratch;
+    putCounter("2");
+    int progress[2];
+    ASSERT_EQ(pipe(progress), 0);
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        BinoLogger logger(Common::FRONT, 0, 1, kSize, [] { return at(11, 0, 0); });
+        logger.open("H\n");
+        for (int line = 0; line < 100000 && write(progress[1], "+", 1) == 1; ++line) {
+            logger.writeLog({std::to_string(line)});
+        }
+        _exit(0);
+    }
+    close(progress[1]);
+    size_t returned = 0;  // the first mark comes before the first line
+    pollfd ready{progress[0], POLLIN, 0};
+    char mark;
+    while (returned < 51 && poll(&ready, 1, 20000) == 1 && read(progress[0], &mark, 1) == 1) {
+        ++returned;
+    }
+    kill(child, SIGKILL);
+    close(progress[0]);
+    int status = 0;
+    waitpid(child, &status, 0);
+    ASSERT_TRUE(WIFSIGNALED(status));
+    ASSERT_EQ(returned, 51u);
+    const std::string written = slurp(front("frontBino_2_11_0_0_2.log"));
+    std::string expected = "H\n";
+    for (int line = 0; expected.size() < written.size(); ++line) {
+        expected += std::to_string(line) + "\t\n";
+    }
+    EXPECT_EQ(written, expected);
+    EXPECT_GE(std::count(written.begin(), written.end(), '\n'), 51);  // header and 50 lines
+}
+
+// Files that hit the size limit: each stream says so once per run, the
+// process keeps going, and the next run tries again.
+TEST(BinoLoggerDurability, FullFileIsReportedOncePerStreamAndRun)
+{
+    testsupport::ScratchRoot scratch;
+    putCounter("3");
+    const auto child = testsupport::runInChild([] {
+        signal(SIGXFSZ, SIG_IGN);
+        const rlimit limit{1000, 1000};
+        setrlimit(RLIMIT_FSIZE, &limit);
+        testsupport::LogCapture capture;
+        std::time_t now = at(12, 0, 0);
+        BinoLogger logger(Common::FRONT, 1, 1, cv::Size(40, 30), [&now] { return now; });
+        const cv::Mat frame(30, 40, CV_8UC1, cv::Scalar(5));
+        for (int run = 0; run < 2; ++run, ++now) {
+            logger.open("H\n");
+            for (int line = 0; line < 300; ++line) {
+                logger.writeLog({"0123456789"});
+                logger.writeImage(frame, frame, frame, {});
+            }
+            logger.close();
+        }
+        for (const auto& record : capture.records()) {
+            std::printf("%d|%s\n", record.level, record.message.c_str());
+        }
+    });
+    ASSERT_TRUE(child.exited && child.exitCode == 0) << child.output;
+    std::vector<std::string> expected, reported;
+    for (const char* stem : {"frontBino_3_12_0_0_3", "frontBino_3_12_0_1_3"}) {
+        for (const char* file : {".log", "/gray_40x30_left.yuv", "/gray_40x30_right.yuv"}) {
+            expected.push_back("100|[BINOLIB] [front] write " + front(stem) + file + " failed.");
+        }
+    }
+    for (size_t line = child.output.find("100|"); line != std::string::npos;
+         line = child.output.find("100|", line + 1)) {
+        reported.push_back(child.output.substr(line, child.output.find('\n', line) - line));
+    }
+    std::sort(expected.begin(), expected.end());
+    std::sort(reported.begin(), reported.end());
+    EXPECT_EQ(reported, expected) << child.output;
+}
