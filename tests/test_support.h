@@ -22,6 +22,9 @@ public:
     ScratchRoot(const ScratchRoot&) = delete;
     ScratchRoot& operator=(const ScratchRoot&) = delete;
 
+    /// The scratch directory: $BINOCULAR_ROOT and the working directory.
+    const std::string& path() const { return m_path; }
+
 private:
     std::string m_path;
     std::string m_oldCwd;
