@@ -1,0 +1,438 @@
+#include "sgm.h"
+
+#include <opencv2/core/hal/intrin.hpp>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <exception>
+#include <thread>
+
+#if !CV_SIMD128
+#error "the matcher needs 128-bit vectors (SSE2 or NEON)"
+#endif
+
+namespace dpu {
+namespace {
+
+using cv::v_uint8x16;
+
+constexpr int kD = SemiGlobalMatcher::kDisparities;
+constexpr int kLanes = 16;
+constexpr int kRegs = kD / kLanes;  // vectors per pixel's disparity range
+// The first column whose whole range 0..63 px lies inside the right image.
+constexpr int kFirstColumn = kD - 1;
+
+constexpr int kCensusRadius = 2;  // 5x5 window: 24 comparisons with the centre
+constexpr int kCensusPlanes = 3;  // 24 bits as 3 byte planes
+
+// Path penalties in census bits (a cost is 0..24): kP1 for a 1 px step in
+// disparity, kP2 for a larger jump. A path's cost stays below 24 + kP2, so
+// the sum of three paths fits a byte.
+constexpr uint8_t kP1 = 3;
+constexpr uint8_t kP2 = 20;
+// A winner counts only when every disparity more than 1 px away costs at
+// least 100 / (100 - kUniquenessPercent) times as much.
+constexpr int kUniquenessPercent = 10;
+// A helper's band starts this many rows early to settle its top-down path.
+constexpr int kWarmUpRows = 24;
+// Images lower than this are matched in one band.
+constexpr int kMinRowsToSplit = 4 * kWarmUpRows;
+
+constexpr uint16_t kInvalidWord = 0xFFFF;
+constexpr uint8_t kNoWinner = 0xFF;
+
+using Costs = std::array<v_uint8x16, kRegs>;  // lane l of vector k: disparity 16k + l
+
+inline Costs loadCosts(const uint8_t* p)
+{
+    Costs c;
+    for (int k = 0; k < kRegs; ++k) {
+        c[k] = cv::v_load(p + k * kLanes);
+    }
+    return c;
+}
+
+inline void storeCosts(uint8_t* p, const Costs& c)
+{
+    for (int k = 0; k < kRegs; ++k) {
+        cv::v_store(p + k * kLanes, c[k]);
+    }
+}
+
+inline Costs filled(uint8_t value)
+{
+    Costs c;
+    c.fill(cv::v_setall_u8(value));
+    return c;
+}
+
+// The minimum of all lanes, in every lane.
+inline v_uint8x16 minOf(const Costs& c)
+{
+    v_uint8x16 m = cv::v_min(cv::v_min(c[0], c[1]), cv::v_min(c[2], c[3]));
+    m = cv::v_min(m, cv::v_extract<8>(m, m));
+    m = cv::v_min(m, cv::v_extract<4>(m, m));
+    m = cv::v_min(m, cv::v_extract<2>(m, m));
+    return cv::v_min(m, cv::v_extract<1>(m, m));
+}
+
+// One step along a path: L(d) = C(d) + min(L'(d), L'(d -+ 1) + P1, min L' + P2) - min L',
+// L' being the path's costs at the previous pixel (all zero at its start).
+// Saturating arithmetic; every term of the min is at least min L'.
+inline Costs pathStep(const Costs& cost, const Costs& prev, v_uint8x16 prevMin)
+{
+    const v_uint8x16 none = cv::v_setall_u8(0xFF);
+    const v_uint8x16 p1 = cv::v_setall_u8(kP1);
+    const v_uint8x16 jump = prevMin + cv::v_setall_u8(kP2);
+    Costs out;
+    for (int k = 0; k < kRegs; ++k) {
+        const v_uint8x16 below = cv::v_extract<kLanes - 1>(k == 0 ? none : prev[k - 1], prev[k]);
+        const v_uint8x16 above = cv::v_extract<1>(prev[k], k == kRegs - 1 ? none : prev[k + 1]);
+        const v_uint8x16 best = cv::v_min(cv::v_min(prev[k], jump), cv::v_min(below + p1, above + p1));
+        out[k] = cost[k] + (best - prevMin);
+    }
+    return out;
+}
+
+inline Costs add(const Costs& a, const Costs& b)
+{
+    Costs sum;
+    for (int k = 0; k < kRegs; ++k) {
+        sum[k] = a[k] + b[k];
+    }
+    return sum;
+}
+
+// Bit b of the census is set when the b-th pixel of the 5x5 window (centre
+// left out, row by row) is darker than the centre.
+struct CensusOffsets {
+    int dy[24];
+    int dx[24];
+};
+
+constexpr CensusOffsets makeCensusOffsets()
+{
+    CensusOffsets offsets{};
+    int bit = 0;
+    for (int dy = -kCensusRadius; dy <= kCensusRadius; ++dy) {
+        for (int dx = -kCensusRadius; dx <= kCensusRadius; ++dx) {
+            if (dy != 0 || dx != 0) {
+                offsets.dy[bit] = dy;
+                offsets.dx[bit] = dx;
+                ++bit;
+            }
+        }
+    }
+    return offsets;
+}
+
+constexpr CensusOffsets kCensus = makeCensusOffsets();
+
+// Census of row y of `image` into 3 planes of `width` bytes; pixels outside
+// the image repeat the nearest border pixel.
+void censusRow(const uint8_t* image, int width, int height, int y, uint8_t* planes)
+{
+    const uint8_t* rows[2 * kCensusRadius + 1];
+    for (int dy = -kCensusRadius; dy <= kCensusRadius; ++dy) {
+        rows[dy + kCensusRadius] = image + static_cast<size_t>(std::clamp(y + dy, 0, height - 1)) * width;
+    }
+    const auto scalar = [&](int x) {
+        const int centre = rows[kCensusRadius][x];
+        uint32_t bits = 0;
+        for (int b = 0; b < 24; ++b) {
+            const int xx = std::clamp(x + kCensus.dx[b], 0, width - 1);
+            bits |= static_cast<uint32_t>(rows[kCensus.dy[b] + kCensusRadius][xx] < centre) << b;
+        }
+        for (int p = 0; p < kCensusPlanes; ++p) {
+            planes[p * width + x] = static_cast<uint8_t>(bits >> (8 * p));
+        }
+    };
+    int x = 0;
+    for (; x < std::min(kCensusRadius, width); ++x) {
+        scalar(x);
+    }
+    for (; x + kLanes + kCensusRadius <= width; x += kLanes) {
+        const v_uint8x16 centre = cv::v_load(rows[kCensusRadius] + x);
+        v_uint8x16 bits[kCensusPlanes] = {cv::v_setzero_u8(), cv::v_setzero_u8(), cv::v_setzero_u8()};
+        for (int b = 0; b < 24; ++b) {
+            const v_uint8x16 darker = cv::v_load(rows[kCensus.dy[b] + kCensusRadius] + x + kCensus.dx[b]) < centre;
+            bits[b / 8] = bits[b / 8] | (darker & cv::v_setall_u8(static_cast<uint8_t>(1u << (b % 8))));
+        }
+        for (int p = 0; p < kCensusPlanes; ++p) {
+            cv::v_store(planes + p * width + x, bits[p]);
+        }
+    }
+    for (; x < width; ++x) {
+        scalar(x);
+    }
+}
+
+// Hamming distances between the census of left pixel x and of right pixels
+// x - d, d = 0..63 (x >= 63).
+inline Costs censusCosts(const uint8_t* left, const uint8_t* right, int width, int x)
+{
+    const v_uint8x16 m1 = cv::v_setall_u8(0x55);
+    const v_uint8x16 m2 = cv::v_setall_u8(0x33);
+    const v_uint8x16 m4 = cv::v_setall_u8(0x0F);
+    v_uint8x16 centre[kCensusPlanes];
+    for (int p = 0; p < kCensusPlanes; ++p) {
+        centre[p] = cv::v_setall_u8(left[p * width + x]);
+    }
+    Costs costs;
+    for (int k = 0; k < kRegs; ++k) {
+        // Right pixels x - 16k - 15 .. x - 16k, loaded in ascending column
+        // order, i.e. descending disparity; reversed below.
+        v_uint8x16 nibbles = cv::v_setzero_u8();
+        for (int p = 0; p < kCensusPlanes; ++p) {
+            const v_uint8x16 v = centre[p] ^ cv::v_load(right + p * width + x - kLanes * k - (kLanes - 1));
+            // Bit counts per 2 bits, then per 4 bits (at most 4; three planes sum to 12).
+            const v_uint8x16 pairs = cv::v_sub_wrap(v, cv::v_reinterpret_as_u8(cv::v_reinterpret_as_u16(v) >> 1) & m1);
+            nibbles = nibbles + (pairs & m2) + (cv::v_reinterpret_as_u8(cv::v_reinterpret_as_u16(pairs) >> 2) & m2);
+        }
+        const v_uint8x16 count =
+            (nibbles & m4) + (cv::v_reinterpret_as_u8(cv::v_reinterpret_as_u16(nibbles) >> 4) & m4);
+        costs[k] = cv::v_reverse(count);
+    }
+    return costs;
+}
+
+// For each j: 0xFF at disparities j - 1 .. j + 1, 0 elsewhere.
+struct NeighbourMasks {
+    alignas(16) uint8_t mask[kD][kD];
+};
+
+const NeighbourMasks& neighbourMasks()
+{
+    static const NeighbourMasks masks = [] {
+        NeighbourMasks m{};
+        for (int j = 0; j < kD; ++j) {
+            for (int d = std::max(j - 1, 0); d <= std::min(j + 1, kD - 1); ++d) {
+                m.mask[j][d] = 0xFF;
+            }
+        }
+        return m;
+    }();
+    return masks;
+}
+
+struct Frame {
+    const uint8_t* left;
+    const uint8_t* right;
+    int width;
+    int height;
+    uint16_t* out;
+};
+
+class BandMatcher {
+public:
+    BandMatcher(SemiGlobalMatcher::Band& band, const Frame& frame) : b_(band), f_(frame)
+    {
+        const size_t columns = static_cast<size_t>(f_.width - kFirstColumn);
+        b_.census.resize(2 * kCensusPlanes * static_cast<size_t>(f_.width));
+        b_.costs.resize(columns * kD);
+        b_.topDown.assign(columns * kD, 0);
+        b_.topDownMin.assign(columns * kLanes, 0);
+        b_.sums.resize(columns * kD);
+        b_.rightBest.resize(static_cast<size_t>(f_.width));
+        b_.leftBest.resize(static_cast<size_t>(f_.width));
+        b_.leftWords.resize(static_cast<size_t>(f_.width));
+    }
+
+    // Rows warmFrom..from-1 only advance the top-down path; rows from..to-1
+    // are written to the output.
+    void run(int warmFrom, int from, int to)
+    {
+        for (int y = warmFrom; y < to; ++y) {
+            censusRow(f_.left, f_.width, f_.height, y, leftCensus());
+            censusRow(f_.right, f_.width, f_.height, y, rightCensus());
+            if (y < from) {
+                topDownOnly();
+            } else {
+                forwardPass();
+                backwardPass();
+                writeRow(f_.out + static_cast<size_t>(y) * f_.width);
+            }
+        }
+    }
+
+private:
+    uint8_t* leftCensus() { return b_.census.data(); }
+    uint8_t* rightCensus() { return b_.census.data() + kCensusPlanes * static_cast<size_t>(f_.width); }
+
+    Costs topDownStep(size_t column, const Costs& cost)
+    {
+        uint8_t* td = b_.topDown.data() + column * kD;
+        uint8_t* tdMin = b_.topDownMin.data() + column * kLanes;
+        const Costs path = pathStep(cost, loadCosts(td), cv::v_load(tdMin));
+        storeCosts(td, path);
+        cv::v_store(tdMin, minOf(path));
+        return path;
+    }
+
+    void topDownOnly()
+    {
+        for (int x = kFirstColumn; x < f_.width; ++x) {
+            topDownStep(static_cast<size_t>(x - kFirstColumn), censusCosts(leftCensus(), rightCensus(), f_.width, x));
+        }
+    }
+
+    // Left to right: census costs, the top-down and left-right paths.
+    void forwardPass()
+    {
+        Costs path = filled(0);
+        v_uint8x16 pathMin = cv::v_setzero_u8();
+        for (int x = kFirstColumn; x < f_.width; ++x) {
+            const size_t column = static_cast<size_t>(x - kFirstColumn);
+            const Costs cost = censusCosts(leftCensus(), rightCensus(), f_.width, x);
+            storeCosts(b_.costs.data() + column * kD, cost);
+            const Costs td = topDownStep(column, cost);
+            path = pathStep(cost, path, pathMin);
+            pathMin = minOf(path);
+            storeCosts(b_.sums.data() + column * kD, add(td, path));
+        }
+    }
+
+    // Right to left: the right-left path completes each column's sum, which
+    // gives the left winner and feeds the right image's winners. Right pixel
+    // r gets its cost for disparity d from left column r + d; the window of
+    // right pixels x - 63 .. x slides along with x, one lane per column.
+    void backwardPass()
+    {
+        const v_uint8x16 none = cv::v_setall_u8(0xFF);
+        const v_uint8x16 zero = cv::v_setzero_u8();
+        Costs disparity;  // lane l of vector k: 16k + l
+        for (int k = 0; k < kRegs; ++k) {
+            alignas(16) uint8_t lanes[kLanes];
+            for (int l = 0; l < kLanes; ++l) {
+                lanes[l] = static_cast<uint8_t>(kLanes * k + l);
+            }
+            disparity[k] = cv::v_load(lanes);
+        }
+        // windowCost/windowBest lane d: right pixel x - d.
+        Costs windowCost = filled(0xFF);
+        Costs windowBest = filled(0);
+        Costs path = filled(0);
+        v_uint8x16 pathMin = zero;
+        for (int x = f_.width - 1; x >= kFirstColumn; --x) {
+            const size_t column = static_cast<size_t>(x - kFirstColumn);
+            path = pathStep(loadCosts(b_.costs.data() + column * kD), path, pathMin);
+            pathMin = minOf(path);
+            const Costs sum = add(loadCosts(b_.sums.data() + column * kD), path);
+
+            // Lane 0 of the window held right pixel x + 1, whose last candidate
+            // was column x + 1: final. The window moves down one lane.
+            if (x + 1 < f_.width) {
+                b_.rightBest[static_cast<size_t>(x + 1)] = cv::v_extract_n<0>(windowBest[0]);
+            }
+            for (int k = 0; k < kRegs; ++k) {
+                windowCost[k] = cv::v_extract<1>(windowCost[k], k == kRegs - 1 ? none : windowCost[k + 1]);
+                windowBest[k] = cv::v_extract<1>(windowBest[k], k == kRegs - 1 ? zero : windowBest[k + 1]);
+            }
+            for (int k = 0; k < kRegs; ++k) {
+                const v_uint8x16 better = sum[k] < windowCost[k];
+                windowCost[k] = cv::v_min(windowCost[k], sum[k]);
+                windowBest[k] = cv::v_select(better, disparity[k], windowBest[k]);
+            }
+            pickWinner(x, sum);
+        }
+        // The window now holds right pixels 0 .. 63, all final.
+        alignas(16) uint8_t lanes[kD];
+        storeCosts(lanes, windowBest);
+        for (int d = 0; d < kD && d < f_.width; ++d) {
+            b_.rightBest[static_cast<size_t>(kFirstColumn - d)] = lanes[d];
+        }
+    }
+
+    void pickWinner(int x, const Costs& sum)
+    {
+        const v_uint8x16 minimum = minOf(sum);
+        uint64_t atMinimum = 0;
+        for (int k = 0; k < kRegs; ++k) {
+            atMinimum |= static_cast<uint64_t>(cv::v_signmask(sum[k] == minimum) & 0xFFFF) << (kLanes * k);
+        }
+        // Ties go to the largest disparity: the nearer surface.
+        const int best = 63 - __builtin_clzll(atMinimum);
+        const uint8_t* mask = neighbourMasks().mask[best];
+        v_uint8x16 others = cv::v_setall_u8(0xFF);
+        for (int k = 0; k < kRegs; ++k) {
+            others = cv::v_min(others, sum[k] | cv::v_load(mask + k * kLanes));
+        }
+        const int bestCost = cv::v_extract_n<0>(minimum);
+        const int secondCost = cv::v_reduce_min(others);
+        const size_t at = static_cast<size_t>(x);
+        if (100 * bestCost > (100 - kUniquenessPercent) * secondCost) {
+            b_.leftBest[at] = kNoWinner;
+            return;
+        }
+        b_.leftBest[at] = static_cast<uint8_t>(best);
+        float refined = static_cast<float>(best);
+        if (best > 0 && best < kD - 1) {
+            alignas(16) uint8_t costs[kD];
+            storeCosts(costs, sum);
+            const int below = costs[best - 1];
+            const int above = costs[best + 1];
+            const int curvature = below + above - 2 * bestCost;
+            if (curvature > 0) {
+                refined += static_cast<float>(below - above) / static_cast<float>(2 * curvature);
+            }
+        }
+        b_.leftWords[at] = static_cast<uint16_t>(std::lround(refined * 64.0f));
+    }
+
+    // A left winner stands when the right pixel it points at picks the same
+    // disparity within 1 px; occluded pixels fail this.
+    void writeRow(uint16_t* out)
+    {
+        std::fill(out, out + std::min(kFirstColumn, f_.width), kInvalidWord);
+        for (int x = kFirstColumn; x < f_.width; ++x) {
+            const int best = b_.leftBest[static_cast<size_t>(x)];
+            bool valid = best != kNoWinner;
+            if (valid) {
+                const int fromRight = b_.rightBest[static_cast<size_t>(x - best)];
+                valid = std::abs(fromRight - best) <= 1;
+            }
+            out[x] = valid ? b_.leftWords[static_cast<size_t>(x)] : kInvalidWord;
+        }
+    }
+
+    SemiGlobalMatcher::Band& b_;
+    const Frame& f_;
+};
+
+}  // namespace
+
+void SemiGlobalMatcher::compute(const uint8_t* left, const uint8_t* right, int width, int height, uint16_t* out)
+{
+    const size_t pixels = static_cast<size_t>(width) * static_cast<size_t>(height);
+    if (width < kD) {
+        std::fill(out, out + pixels, kInvalidWord);
+        return;
+    }
+    const Frame frame{left, right, width, height, out};
+    if (height < kMinRowsToSplit) {
+        BandMatcher(bands_[0], frame).run(0, 0, height);
+        return;
+    }
+    const int middle = height / 2;
+    std::exception_ptr helperFailure;
+    std::thread helper([&] {
+        try {
+            BandMatcher(bands_[1], frame).run(middle - kWarmUpRows, middle, height);
+        } catch (...) {
+            helperFailure = std::current_exception();
+        }
+    });
+    try {
+        BandMatcher(bands_[0], frame).run(0, 0, middle);
+    } catch (...) {
+        helper.join();
+        throw;
+    }
+    helper.join();
+    if (helperFailure) {
+        std::rethrow_exception(helperFailure);
+    }
+}
+
+}  // namespace dpu
