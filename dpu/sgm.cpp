@@ -42,7 +42,10 @@ constexpr int kMinRowsToSplit = 4 * kWarmUpRows;
 constexpr uint16_t kInvalidWord = 0xFFFF;
 constexpr uint8_t kNoWinner = 0xFF;
 
-using Costs = std::array<v_uint8x16, kRegs>;  // lane l of vector k: disparity 16k + l
+// One pixel's costs over the range. Slot j = 16k + l (vector k, lane l) holds
+// disparity 63 - j, which is right pixel x - 63 + j for left pixel x: the
+// right image's columns load in ascending order without a lane shuffle.
+using Costs = std::array<v_uint8x16, kRegs>;
 
 inline Costs loadCosts(const uint8_t* p)
 {
@@ -169,7 +172,7 @@ void censusRow(const uint8_t* image, int width, int height, int y, uint8_t* plan
 }
 
 // Hamming distances between the census of left pixel x and of right pixels
-// x - d, d = 0..63 (x >= 63).
+// x - 63 .. x (x >= 63), slot j for right pixel x - 63 + j.
 inline Costs censusCosts(const uint8_t* left, const uint8_t* right, int width, int x)
 {
     const v_uint8x16 m1 = cv::v_setall_u8(0x55);
@@ -181,23 +184,21 @@ inline Costs censusCosts(const uint8_t* left, const uint8_t* right, int width, i
     }
     Costs costs;
     for (int k = 0; k < kRegs; ++k) {
-        // Right pixels x - 16k - 15 .. x - 16k, loaded in ascending column
-        // order, i.e. descending disparity; reversed below.
         v_uint8x16 nibbles = cv::v_setzero_u8();
         for (int p = 0; p < kCensusPlanes; ++p) {
-            const v_uint8x16 v = centre[p] ^ cv::v_load(right + p * width + x - kLanes * k - (kLanes - 1));
+            const v_uint8x16 v = centre[p] ^ cv::v_load(right + p * width + x - (kD - 1) + kLanes * k);
             // Bit counts per 2 bits, then per 4 bits (at most 4; three planes sum to 12).
             const v_uint8x16 pairs = cv::v_sub_wrap(v, cv::v_reinterpret_as_u8(cv::v_reinterpret_as_u16(v) >> 1) & m1);
             nibbles = nibbles + (pairs & m2) + (cv::v_reinterpret_as_u8(cv::v_reinterpret_as_u16(pairs) >> 2) & m2);
         }
         const v_uint8x16 count =
             (nibbles & m4) + (cv::v_reinterpret_as_u8(cv::v_reinterpret_as_u16(nibbles) >> 4) & m4);
-        costs[k] = cv::v_reverse(count);
+        costs[k] = count;
     }
     return costs;
 }
 
-// For each j: 0xFF at disparities j - 1 .. j + 1, 0 elsewhere.
+// For each j: 0xFF in slots j - 1 .. j + 1, 0 elsewhere.
 struct NeighbourMasks {
     alignas(16) uint8_t mask[kD][kD];
 };
@@ -207,8 +208,8 @@ const NeighbourMasks& neighbourMasks()
     static const NeighbourMasks masks = [] {
         NeighbourMasks m{};
         for (int j = 0; j < kD; ++j) {
-            for (int d = std::max(j - 1, 0); d <= std::min(j + 1, kD - 1); ++d) {
-                m.mask[j][d] = 0xFF;
+            for (int i = std::max(j - 1, 0); i <= std::min(j + 1, kD - 1); ++i) {
+                m.mask[j][i] = 0xFF;
             }
         }
         return m;
@@ -295,21 +296,21 @@ private:
 
     // Right to left: the right-left path completes each column's sum, which
     // gives the left winner and feeds the right image's winners. Right pixel
-    // r gets its cost for disparity d from left column r + d; the window of
-    // right pixels x - 63 .. x slides along with x, one lane per column.
+    // r gets its cost for disparity d from left column r + d; a window over
+    // right pixels x - 63 .. x (slot j: pixel x - 63 + j, as in the sum)
+    // keeps each one's lowest cost so far and slides with x.
     void backwardPass()
     {
         const v_uint8x16 none = cv::v_setall_u8(0xFF);
         const v_uint8x16 zero = cv::v_setzero_u8();
-        Costs disparity;  // lane l of vector k: 16k + l
+        Costs disparity;  // slot j: 63 - j
         for (int k = 0; k < kRegs; ++k) {
             alignas(16) uint8_t lanes[kLanes];
             for (int l = 0; l < kLanes; ++l) {
-                lanes[l] = static_cast<uint8_t>(kLanes * k + l);
+                lanes[l] = static_cast<uint8_t>(kD - 1 - (kLanes * k + l));
             }
             disparity[k] = cv::v_load(lanes);
         }
-        // windowCost/windowBest lane d: right pixel x - d.
         Costs windowCost = filled(0xFF);
         Costs windowBest = filled(0);
         Costs path = filled(0);
@@ -320,15 +321,16 @@ private:
             pathMin = minOf(path);
             const Costs sum = add(loadCosts(b_.sums.data() + column * kD), path);
 
-            // Lane 0 of the window held right pixel x + 1, whose last candidate
-            // was column x + 1: final. The window moves down one lane.
+            // The last slot held right pixel x + 1, whose last candidate was
+            // column x + 1: final. The window moves up one slot.
             if (x + 1 < f_.width) {
-                b_.rightBest[static_cast<size_t>(x + 1)] = cv::v_extract_n<0>(windowBest[0]);
+                b_.rightBest[static_cast<size_t>(x + 1)] = cv::v_extract_n<kLanes - 1>(windowBest[kRegs - 1]);
             }
-            for (int k = 0; k < kRegs; ++k) {
-                windowCost[k] = cv::v_extract<1>(windowCost[k], k == kRegs - 1 ? none : windowCost[k + 1]);
-                windowBest[k] = cv::v_extract<1>(windowBest[k], k == kRegs - 1 ? zero : windowBest[k + 1]);
+            for (int k = kRegs - 1; k >= 0; --k) {
+                windowCost[k] = cv::v_extract<kLanes - 1>(k == 0 ? none : windowCost[k - 1], windowCost[k]);
+                windowBest[k] = cv::v_extract<kLanes - 1>(k == 0 ? zero : windowBest[k - 1], windowBest[k]);
             }
+            // Strictly lower only: of equal costs the larger disparity, seen first, stays.
             for (int k = 0; k < kRegs; ++k) {
                 const v_uint8x16 better = sum[k] < windowCost[k];
                 windowCost[k] = cv::v_min(windowCost[k], sum[k]);
@@ -339,9 +341,7 @@ private:
         // The window now holds right pixels 0 .. 63, all final.
         alignas(16) uint8_t lanes[kD];
         storeCosts(lanes, windowBest);
-        for (int d = 0; d < kD && d < f_.width; ++d) {
-            b_.rightBest[static_cast<size_t>(kFirstColumn - d)] = lanes[d];
-        }
+        std::copy(lanes, lanes + kD, b_.rightBest.begin());
     }
 
     void pickWinner(int x, const Costs& sum)
@@ -351,8 +351,8 @@ private:
         for (int k = 0; k < kRegs; ++k) {
             atMinimum |= static_cast<uint64_t>(cv::v_signmask(sum[k] == minimum) & 0xFFFF) << (kLanes * k);
         }
-        // Ties go to the largest disparity: the nearer surface.
-        const int best = 63 - __builtin_clzll(atMinimum);
+        // Ties go to the lowest slot, the largest disparity: the nearer surface.
+        const int best = __builtin_ctzll(atMinimum);
         const uint8_t* mask = neighbourMasks().mask[best];
         v_uint8x16 others = cv::v_setall_u8(0xFF);
         for (int k = 0; k < kRegs; ++k) {
@@ -365,19 +365,19 @@ private:
             b_.leftBest[at] = kNoWinner;
             return;
         }
-        b_.leftBest[at] = static_cast<uint8_t>(best);
-        float refined = static_cast<float>(best);
+        b_.leftBest[at] = static_cast<uint8_t>(kD - 1 - best);
+        float slot = static_cast<float>(best);
         if (best > 0 && best < kD - 1) {
             alignas(16) uint8_t costs[kD];
             storeCosts(costs, sum);
             const int below = costs[best - 1];
             const int above = costs[best + 1];
-            const int curvature = below + above - 2 * bestCost;
-            if (curvature > 0) {
-                refined += static_cast<float>(below - above) / static_cast<float>(2 * curvature);
+            const int rise = std::max(below, above) - bestCost;
+            if (rise > 0) {
+                slot += static_cast<float>(below - above) / static_cast<float>(2 * rise);
             }
         }
-        b_.leftWords[at] = static_cast<uint16_t>(std::lround(refined * 64.0f));
+        b_.leftWords[at] = static_cast<uint16_t>(std::lround((static_cast<float>(kD - 1) - slot) * 64.0f));
     }
 
     // A left winner stands when the right pixel it points at picks the same
