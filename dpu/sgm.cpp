@@ -31,8 +31,8 @@ constexpr int kCensusPlanes = 3;  // 24 bits as 3 byte planes
 // the sum of three paths fits a byte.
 constexpr uint8_t kP1 = 3;
 constexpr uint8_t kP2 = 20;
-// A winner counts only when every disparity more than 1 px away costs at
-// least 100 / (100 - kUniquenessPercent) times as much.
+// A winner counts only when every disparity more than 1 px away costs more
+// than 100 / (100 - kUniquenessPercent) times as much.
 constexpr int kUniquenessPercent = 10;
 // A helper's band starts this many rows early to settle its top-down path.
 constexpr int kWarmUpRows = 24;
@@ -361,7 +361,8 @@ private:
         const int bestCost = cv::v_extract_n<0>(minimum);
         const int secondCost = cv::v_reduce_min(others);
         const size_t at = static_cast<size_t>(x);
-        if (100 * bestCost > (100 - kUniquenessPercent) * secondCost) {
+        // A tie with a distant disparity (a flat area: all costs equal) is no winner.
+        if (100 * bestCost >= (100 - kUniquenessPercent) * secondCost) {
             b_.leftBest[at] = kNoWinner;
             return;
         }
@@ -377,7 +378,8 @@ private:
                 slot += static_cast<float>(below - above) / static_cast<float>(2 * rise);
             }
         }
-        b_.leftWords[at] = static_cast<uint16_t>(std::lround((static_cast<float>(kD - 1) - slot) * 64.0f));
+        // Rounded to the nearest 1/64 px; the value is at least 0.
+        b_.leftWords[at] = static_cast<uint16_t>((static_cast<float>(kD - 1) - slot) * 64.0f + 0.5f);
     }
 
     // A left winner stands when the right pixel it points at picks the same
