@@ -80,21 +80,38 @@ inline v_uint8x16 minOf(const Costs& c)
     return cv::v_min(m, cv::v_extract<1>(m, m));
 }
 
-// One step along a path: L(d) = C(d) + min(L'(d), L'(d -+ 1) + P1, min L' + P2) - min L',
-// L' being the path's costs at the previous pixel (all zero at its start).
-// Saturating arithmetic; every term of the min is at least min L'.
-inline Costs pathStep(const Costs& cost, const Costs& prev, v_uint8x16 prevMin)
+// A path's costs at one pixel as kept in memory: 64 slots between guard bytes
+// of 0xFF, so the neighbours of every slot load without shuffles, and the
+// minimum in 16 copies. A reset record is the state before a path's first pixel.
+constexpr int kRecordGuard = 16;
+constexpr int kRecordMin = kRecordGuard + kD + kRecordGuard;
+constexpr int kRecordSize = kRecordMin + kLanes;
+
+inline void resetRecord(uint8_t* record)
 {
-    const v_uint8x16 none = cv::v_setall_u8(0xFF);
+    std::fill(record, record + kRecordMin, 0xFF);
+    std::fill(record + kRecordGuard, record + kRecordGuard + kD, 0);
+    std::fill(record + kRecordMin, record + kRecordSize, 0);
+}
+
+// One step along a path: L(d) = C(d) + min(L'(d), L'(d -+ 1) + P1, min L' + P2) - min L',
+// L' being the path's costs at the previous pixel, read from `record`, which
+// then holds L. Saturating arithmetic; every term of the min is at least min L'.
+inline Costs pathStepInRecord(const Costs& cost, uint8_t* record)
+{
+    const uint8_t* prev = record + kRecordGuard;
+    const v_uint8x16 prevMin = cv::v_load(record + kRecordMin);
     const v_uint8x16 p1 = cv::v_setall_u8(kP1);
     const v_uint8x16 jump = prevMin + cv::v_setall_u8(kP2);
     Costs out;
     for (int k = 0; k < kRegs; ++k) {
-        const v_uint8x16 below = cv::v_extract<kLanes - 1>(k == 0 ? none : prev[k - 1], prev[k]);
-        const v_uint8x16 above = cv::v_extract<1>(prev[k], k == kRegs - 1 ? none : prev[k + 1]);
-        const v_uint8x16 best = cv::v_min(cv::v_min(prev[k], jump), cv::v_min(below + p1, above + p1));
+        const v_uint8x16 below = cv::v_load(prev + kLanes * k - 1);
+        const v_uint8x16 above = cv::v_load(prev + kLanes * k + 1);
+        const v_uint8x16 best = cv::v_min(cv::v_min(cv::v_load(prev + kLanes * k), jump), cv::v_min(below, above) + p1);
         out[k] = cost[k] + (best - prevMin);
     }
+    storeCosts(record + kRecordGuard, out);
+    cv::v_store(record + kRecordMin, minOf(out));
     return out;
 }
 
@@ -159,11 +176,14 @@ void censusRow(const uint8_t* image, int width, int height, int y, uint8_t* plan
         const v_uint8x16 centre = cv::v_load(rows[kCensusRadius] + x);
         v_uint8x16 bits[kCensusPlanes] = {cv::v_setzero_u8(), cv::v_setzero_u8(), cv::v_setzero_u8()};
         for (int b = 0; b < 24; ++b) {
-            const v_uint8x16 darker = cv::v_load(rows[kCensus.dy[b] + kCensusRadius] + x + kCensus.dx[b]) < centre;
-            bits[b / 8] = bits[b / 8] | (darker & cv::v_setall_u8(static_cast<uint8_t>(1u << (b % 8))));
+            // max(n, c) == n: n >= c, the complement of "darker" (one op fewer
+            // than an unsigned less-than on SSE2); flipped below.
+            const v_uint8x16 neighbour = cv::v_load(rows[kCensus.dy[b] + kCensusRadius] + x + kCensus.dx[b]);
+            const v_uint8x16 notDarker = cv::v_max(neighbour, centre) == neighbour;
+            bits[b / 8] = bits[b / 8] | (notDarker & cv::v_setall_u8(static_cast<uint8_t>(1u << (b % 8))));
         }
         for (int p = 0; p < kCensusPlanes; ++p) {
-            cv::v_store(planes + p * width + x, bits[p]);
+            cv::v_store(planes + p * width + x, cv::v_setall_u8(0xFF) ^ bits[p]);
         }
     }
     for (; x < width; ++x) {
@@ -232,9 +252,12 @@ public:
         const size_t columns = static_cast<size_t>(f_.width - kFirstColumn);
         b_.census.resize(2 * kCensusPlanes * static_cast<size_t>(f_.width));
         b_.costs.resize(columns * kD);
-        b_.topDown.assign(columns * kD, 0);
-        b_.topDownMin.assign(columns * kLanes, 0);
+        b_.topDown.resize(columns * kRecordSize);
+        for (size_t column = 0; column < columns; ++column) {
+            resetRecord(b_.topDown.data() + column * kRecordSize);
+        }
         b_.sums.resize(columns * kD);
+        b_.rightCost.resize(static_cast<size_t>(f_.width));
         b_.rightBest.resize(static_cast<size_t>(f_.width));
         b_.leftBest.resize(static_cast<size_t>(f_.width));
         b_.leftWords.resize(static_cast<size_t>(f_.width));
@@ -263,12 +286,7 @@ private:
 
     Costs topDownStep(size_t column, const Costs& cost)
     {
-        uint8_t* td = b_.topDown.data() + column * kD;
-        uint8_t* tdMin = b_.topDownMin.data() + column * kLanes;
-        const Costs path = pathStep(cost, loadCosts(td), cv::v_load(tdMin));
-        storeCosts(td, path);
-        cv::v_store(tdMin, minOf(path));
-        return path;
+        return pathStepInRecord(cost, b_.topDown.data() + column * kRecordSize);
     }
 
     void topDownOnly()
@@ -281,16 +299,14 @@ private:
     // Left to right: census costs, the top-down and left-right paths.
     void forwardPass()
     {
-        Costs path = filled(0);
-        v_uint8x16 pathMin = cv::v_setzero_u8();
+        alignas(16) uint8_t path[kRecordSize];
+        resetRecord(path);
         for (int x = kFirstColumn; x < f_.width; ++x) {
             const size_t column = static_cast<size_t>(x - kFirstColumn);
             const Costs cost = censusCosts(leftCensus(), rightCensus(), f_.width, x);
             storeCosts(b_.costs.data() + column * kD, cost);
             const Costs td = topDownStep(column, cost);
-            path = pathStep(cost, path, pathMin);
-            pathMin = minOf(path);
-            storeCosts(b_.sums.data() + column * kD, add(td, path));
+            storeCosts(b_.sums.data() + column * kD, add(td, pathStepInRecord(cost, path)));
         }
     }
 
@@ -301,8 +317,6 @@ private:
     // keeps each one's lowest cost so far and slides with x.
     void backwardPass()
     {
-        const v_uint8x16 none = cv::v_setall_u8(0xFF);
-        const v_uint8x16 zero = cv::v_setzero_u8();
         Costs disparity;  // slot j: 63 - j
         for (int k = 0; k < kRegs; ++k) {
             alignas(16) uint8_t lanes[kLanes];
@@ -311,37 +325,26 @@ private:
             }
             disparity[k] = cv::v_load(lanes);
         }
-        Costs windowCost = filled(0xFF);
-        Costs windowBest = filled(0);
-        Costs path = filled(0);
-        v_uint8x16 pathMin = zero;
+        uint8_t* rightCost = b_.rightCost.data();
+        uint8_t* rightBest = b_.rightBest.data();
+        std::fill(rightCost, rightCost + f_.width, 0xFF);
+        alignas(16) uint8_t path[kRecordSize];
+        resetRecord(path);
         for (int x = f_.width - 1; x >= kFirstColumn; --x) {
             const size_t column = static_cast<size_t>(x - kFirstColumn);
-            path = pathStep(loadCosts(b_.costs.data() + column * kD), path, pathMin);
-            pathMin = minOf(path);
-            const Costs sum = add(loadCosts(b_.sums.data() + column * kD), path);
-
-            // The last slot held right pixel x + 1, whose last candidate was
-            // column x + 1: final. The window moves up one slot.
-            if (x + 1 < f_.width) {
-                b_.rightBest[static_cast<size_t>(x + 1)] = cv::v_extract_n<kLanes - 1>(windowBest[kRegs - 1]);
-            }
-            for (int k = kRegs - 1; k >= 0; --k) {
-                windowCost[k] = cv::v_extract<kLanes - 1>(k == 0 ? none : windowCost[k - 1], windowCost[k]);
-                windowBest[k] = cv::v_extract<kLanes - 1>(k == 0 ? zero : windowBest[k - 1], windowBest[k]);
-            }
+            const Costs sum = add(loadCosts(b_.sums.data() + column * kD),
+                                  pathStepInRecord(loadCosts(b_.costs.data() + column * kD), path));
             // Strictly lower only: of equal costs the larger disparity, seen first, stays.
+            const size_t firstRight = static_cast<size_t>(x - (kD - 1));
             for (int k = 0; k < kRegs; ++k) {
-                const v_uint8x16 better = sum[k] < windowCost[k];
-                windowCost[k] = cv::v_min(windowCost[k], sum[k]);
-                windowBest[k] = cv::v_select(better, disparity[k], windowBest[k]);
+                const v_uint8x16 cost = cv::v_load(rightCost + firstRight + kLanes * k);
+                const v_uint8x16 better = sum[k] < cost;
+                cv::v_store(rightCost + firstRight + kLanes * k, cv::v_min(cost, sum[k]));
+                cv::v_store(rightBest + firstRight + kLanes * k,
+                            cv::v_select(better, disparity[k], cv::v_load(rightBest + firstRight + kLanes * k)));
             }
             pickWinner(x, sum);
         }
-        // The window now holds right pixels 0 .. 63, all final.
-        alignas(16) uint8_t lanes[kD];
-        storeCosts(lanes, windowBest);
-        std::copy(lanes, lanes + kD, b_.rightBest.begin());
     }
 
     void pickWinner(int x, const Costs& sum)

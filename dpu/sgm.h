@@ -29,7 +29,8 @@ public:
         std::vector<uint8_t> topDown;     // per column: the top-down path's costs of the last row
         std::vector<uint8_t> topDownMin;  // per column: 16 copies of that path's minimum
         std::vector<uint8_t> sums;        // per column: sum of the top-down and left-right paths
-        std::vector<uint8_t> rightBest;   // per right-image column: its winning disparity, px
+        std::vector<uint8_t> rightCost;   // per right-image column: its lowest sum so far
+        std::vector<uint8_t> rightBest;   // per right-image column: the disparity of that sum, px
         std::vector<uint8_t> leftBest;    // per column: winning disparity, px, or 0xFF
         std::vector<uint16_t> leftWords;  // per column: the refined word of that winner
     };
