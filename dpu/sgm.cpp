@@ -168,23 +168,33 @@ void censusRow(const uint8_t* image, int width, int height, int y, uint8_t* plan
             planes[p * width + x] = static_cast<uint8_t>(bits >> (8 * p));
         }
     };
+    // Pixels x .. x + 15, all at least kCensusRadius inside the row.
+    const auto block = [&](int x) {
+        const v_uint8x16 centre = cv::v_load(rows[kCensusRadius] + x);
+        for (int p = 0; p < kCensusPlanes; ++p) {
+            v_uint8x16 notDarker = cv::v_setzero_u8();
+#pragma GCC unroll 8
+            for (int i = 0; i < 8; ++i) {
+                const int b = 8 * p + i;
+                // max(n, c) == n: n >= c, one op fewer than an unsigned
+                // less-than on SSE2.
+                const v_uint8x16 n = cv::v_load(rows[kCensus.dy[b] + kCensusRadius] + x + kCensus.dx[b]);
+                notDarker = notDarker | ((cv::v_max(n, centre) == n) & cv::v_setall_u8(static_cast<uint8_t>(1u << i)));
+            }
+            cv::v_store(planes + p * width + x, cv::v_setall_u8(0xFF) ^ notDarker);
+        }
+    };
     int x = 0;
     for (; x < std::min(kCensusRadius, width); ++x) {
         scalar(x);
     }
-    for (; x + kLanes + kCensusRadius <= width; x += kLanes) {
-        const v_uint8x16 centre = cv::v_load(rows[kCensusRadius] + x);
-        v_uint8x16 bits[kCensusPlanes] = {cv::v_setzero_u8(), cv::v_setzero_u8(), cv::v_setzero_u8()};
-        for (int b = 0; b < 24; ++b) {
-            // max(n, c) == n: n >= c, the complement of "darker" (one op fewer
-            // than an unsigned less-than on SSE2); flipped below.
-            const v_uint8x16 neighbour = cv::v_load(rows[kCensus.dy[b] + kCensusRadius] + x + kCensus.dx[b]);
-            const v_uint8x16 notDarker = cv::v_max(neighbour, centre) == neighbour;
-            bits[b / 8] = bits[b / 8] | (notDarker & cv::v_setall_u8(static_cast<uint8_t>(1u << (b % 8))));
-        }
-        for (int p = 0; p < kCensusPlanes; ++p) {
-            cv::v_store(planes + p * width + x, cv::v_setall_u8(0xFF) ^ bits[p]);
-        }
+    const int vectorEnd = width - kCensusRadius - kLanes;  // last start of a whole block
+    for (; x <= vectorEnd; x += kLanes) {
+        block(x);
+    }
+    if (x < width - kCensusRadius && vectorEnd >= kCensusRadius) {
+        block(vectorEnd);  // overlaps the previous block; same values
+        x = width - kCensusRadius;
     }
     for (; x < width; ++x) {
         scalar(x);
