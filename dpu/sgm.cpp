@@ -6,6 +6,7 @@
 #include <array>
 #include <cmath>
 #include <exception>
+#include <system_error>
 #include <thread>
 
 #if !CV_SIMD128
@@ -430,19 +431,31 @@ void SemiGlobalMatcher::compute(const uint8_t* left, const uint8_t* right, int w
         return;
     }
     const int middle = height / 2;
+    const auto lowerBand = [&] { BandMatcher(bands_[1], frame).run(middle - kWarmUpRows, middle, height); };
     std::exception_ptr helperFailure;
-    std::thread helper([&] {
-        try {
-            BandMatcher(bands_[1], frame).run(middle - kWarmUpRows, middle, height);
-        } catch (...) {
-            helperFailure = std::current_exception();
-        }
-    });
+    std::thread helper;
+    try {
+        helper = std::thread([&] {
+            try {
+                lowerBand();
+            } catch (...) {
+                helperFailure = std::current_exception();
+            }
+        });
+    } catch (const std::system_error&) {
+        // No thread to be had: the caller matches both bands, same result.
+    }
     try {
         BandMatcher(bands_[0], frame).run(0, 0, middle);
     } catch (...) {
-        helper.join();
+        if (helper.joinable()) {
+            helper.join();
+        }
         throw;
+    }
+    if (!helper.joinable()) {
+        lowerBand();
+        return;
     }
     helper.join();
     if (helperFailure) {

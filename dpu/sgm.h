@@ -2,7 +2,8 @@
 // The substitute's matcher: 5x5 census costs, semi-global aggregation along
 // three paths (left to right, right to left, top down) in saturating 8-bit
 // arithmetic vectorised over the 64 disparities, winner-takes-all with a
-// uniqueness test, parabola sub-pixel refinement and a left-right check.
+// uniqueness test, an equiangular (V-shaped) sub-pixel fit, which suits the
+// nearly linear flanks of census costs, and a left-right check.
 // Output is the unit's word per pixel: 1/64 px, or 0xFFFF where invalid.
 
 #include <cstdint>
@@ -17,17 +18,16 @@ public:
     /// Fills `out` (width * height words) from a rectified pair of 8-bit
     /// images with packed rows. Columns left of kDisparities - 1 (whose range
     /// would reach outside the right image) are invalid. Splits the rows
-    /// between the calling thread and one helper; the result does not depend
-    /// on timing. Throws std::bad_alloc or std::system_error; `out` is then
-    /// partly written.
+    /// between the calling thread and one helper (the caller does both when
+    /// no thread can be started); the result depends on neither. Throws
+    /// std::bad_alloc; `out` is then partly written.
     void compute(const uint8_t* left, const uint8_t* right, int width, int height, uint16_t* out);
 
     /// Working memory of one band of rows; one per thread, reused across calls.
     struct Band {
         std::vector<uint8_t> census;      // 3 byte planes for each image, one row
         std::vector<uint8_t> costs;       // per column: 64 census costs
-        std::vector<uint8_t> topDown;     // per column: the top-down path's costs of the last row
-        std::vector<uint8_t> topDownMin;  // per column: 16 copies of that path's minimum
+        std::vector<uint8_t> topDown;     // per column: the top-down path's record of the last row
         std::vector<uint8_t> sums;        // per column: sum of the top-down and left-right paths
         std::vector<uint8_t> rightCost;   // per right-image column: its lowest sum so far
         std::vector<uint8_t> rightBest;   // per right-image column: the disparity of that sum, px
