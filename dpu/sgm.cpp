@@ -4,7 +4,7 @@
 
 #include <algorithm>
 #include <array>
-#include <cmath>
+#include <cstdlib>
 #include <exception>
 #include <system_error>
 #include <thread>
@@ -222,9 +222,7 @@ inline Costs censusCosts(const uint8_t* left, const uint8_t* right, int width, i
             const v_uint8x16 pairs = cv::v_sub_wrap(v, cv::v_reinterpret_as_u8(cv::v_reinterpret_as_u16(v) >> 1) & m1);
             nibbles = nibbles + (pairs & m2) + (cv::v_reinterpret_as_u8(cv::v_reinterpret_as_u16(pairs) >> 2) & m2);
         }
-        const v_uint8x16 count =
-            (nibbles & m4) + (cv::v_reinterpret_as_u8(cv::v_reinterpret_as_u16(nibbles) >> 4) & m4);
-        costs[k] = count;
+        costs[k] = (nibbles & m4) + (cv::v_reinterpret_as_u8(cv::v_reinterpret_as_u16(nibbles) >> 4) & m4);
     }
     return costs;
 }
@@ -322,10 +320,10 @@ private:
     }
 
     // Right to left: the right-left path completes each column's sum, which
-    // gives the left winner and feeds the right image's winners. Right pixel
-    // r gets its cost for disparity d from left column r + d; a window over
-    // right pixels x - 63 .. x (slot j: pixel x - 63 + j, as in the sum)
-    // keeps each one's lowest cost so far and slides with x.
+    // gives the left winner and feeds the right image's winners: right pixel
+    // r has its cost for disparity d in left column r + d, so column x offers
+    // right pixels x - 63 .. x, in slot order. rightCost/rightBest keep, per
+    // right pixel, the lowest sum offered so far and its disparity.
     void backwardPass()
     {
         Costs disparity;  // slot j: 63 - j
@@ -339,6 +337,7 @@ private:
         uint8_t* rightCost = b_.rightCost.data();
         uint8_t* rightBest = b_.rightBest.data();
         std::fill(rightCost, rightCost + f_.width, 0xFF);
+        std::fill(rightBest, rightBest + f_.width, kNoWinner);
         alignas(16) uint8_t path[kRecordSize];
         resetRecord(path);
         for (int x = f_.width - 1; x >= kFirstColumn; --x) {
