@@ -429,7 +429,9 @@ void SemiGlobalMatcher::compute(const uint8_t* left, const uint8_t* right, int w
         BandMatcher(bands_[0], frame).run(0, 0, height);
         return;
     }
-    const int middle = height / 2;
+    // The helper's warm-up rows cost about half a full row each: the caller's
+    // band is longer by half of that.
+    const int middle = (height + kWarmUpRows / 2) / 2;
     const auto lowerBand = [&] { BandMatcher(bands_[1], frame).run(middle - kWarmUpRows, middle, height); };
     std::exception_ptr helperFailure;
     std::thread helper;
