@@ -35,6 +35,8 @@ constexpr uint8_t kP2 = 20;
 // A winner counts only when every disparity more than 1 px away costs more
 // than 100 / (100 - kUniquenessPercent) times as much.
 constexpr int kUniquenessPercent = 10;
+// Half width of the row window whose census costs give the sub-pixel fit.
+constexpr int kSubPixelRadius = 2;
 // A helper's band starts this many rows early to settle its top-down path.
 constexpr int kWarmUpRows = 24;
 // Images lower than this are matched in one band.
@@ -382,17 +384,40 @@ private:
         b_.leftBest[at] = static_cast<uint8_t>(kD - 1 - best);
         float slot = static_cast<float>(best);
         if (best > 0 && best < kD - 1) {
-            alignas(16) uint8_t costs[kD];
-            storeCosts(costs, sum);
-            const int below = costs[best - 1];
-            const int above = costs[best + 1];
-            const int rise = std::max(below, above) - bestCost;
-            if (rise > 0) {
-                slot += static_cast<float>(below - above) / static_cast<float>(2 * rise);
-            }
+            slot += subPixelOffset(x, best, sum);
         }
         // Rounded to the nearest 1/64 px; the value is at least 0.
         b_.leftWords[at] = static_cast<uint16_t>((static_cast<float>(kD - 1) - slot) * 64.0f + 0.5f);
+    }
+
+    // Where between slots best - 1 and best + 1 the cost minimum lies, in
+    // slots (-0.5 .. 0.5): the equiangular fit to the census costs of these
+    // slots summed over columns x - 2 .. x + 2 of this row. These carry no
+    // path penalties, which flatten the sums' flanks and pull a fit on them
+    // toward whole pixels (median error 0.12 instead of 0.05 px at a third
+    // of a pixel); where the window's lowest cost is not at `best`, the sums
+    // are fitted instead.
+    float subPixelOffset(int x, int best, const Costs& sum) const
+    {
+        int below = 0;
+        int centre = 0;
+        int above = 0;
+        const int last = std::min(x + kSubPixelRadius, f_.width - 1);
+        for (int column = std::max(x - kSubPixelRadius, kFirstColumn); column <= last; ++column) {
+            const uint8_t* costs = b_.costs.data() + static_cast<size_t>(column - kFirstColumn) * kD;
+            below += costs[best - 1];
+            centre += costs[best];
+            above += costs[best + 1];
+        }
+        if (centre > std::min(below, above)) {
+            alignas(16) uint8_t sums[kD];
+            storeCosts(sums, sum);
+            below = sums[best - 1];
+            centre = sums[best];
+            above = sums[best + 1];
+        }
+        const int rise = std::max(below, above) - centre;
+        return rise > 0 ? static_cast<float>(below - above) / static_cast<float>(2 * rise) : 0.0f;
     }
 
     // A left winner stands when the right pixel it points at picks the same

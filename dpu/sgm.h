@@ -2,8 +2,8 @@
 // The substitute's matcher: 5x5 census costs, semi-global aggregation along
 // three paths (left to right, right to left, top down) in saturating 8-bit
 // arithmetic vectorised over the 64 disparities, winner-takes-all with a
-// uniqueness test, an equiangular (V-shaped) sub-pixel fit, which suits the
-// nearly linear flanks of census costs, and a left-right check.
+// uniqueness test, an equiangular (V-shaped) sub-pixel fit to the census
+// costs around the winner, and a left-right check.
 // Output is the unit's word per pixel: 1/64 px, or 0xFFFF where invalid.
 
 #include <cstdint>

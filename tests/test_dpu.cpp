@@ -140,8 +140,9 @@ std::vector<unsigned short> computeUnit(const cv::Mat& left, const cv::Mat& righ
 class DpuMatcherShift : public ::testing::TestWithParam<double> {};
 
 // Every column left of 63 is invalid; right of it at least 95 % of the pixels
-// are valid and their median error is below a quarter pixel, at whole and
-// fractional shifts alike. The image is tall enough to be split into bands.
+// are valid and their median error is below 0.1 px, at whole and fractional
+// shifts alike (a fit pulled toward whole pixels errs by 0.11..0.13 px here).
+// The image is tall enough to be split into bands.
 TEST_P(DpuMatcherShift, RecoversFractionalShiftsAndLeavesTheLeftBorderInvalid)
 {
     const double shiftPx = GetParam();
@@ -161,7 +162,7 @@ TEST_P(DpuMatcherShift, RecoversFractionalShiftsAndLeavesTheLeftBorderInvalid)
     EXPECT_GT(errors.size(), 0.95 * (size.width - kFirstValidColumn) * size.height);
     ASSERT_FALSE(errors.empty());
     std::nth_element(errors.begin(), errors.begin() + errors.size() / 2, errors.end());
-    EXPECT_LT(errors[errors.size() / 2], 0.25);
+    EXPECT_LT(errors[errors.size() / 2], 0.1);
 }
 
 INSTANTIATE_TEST_SUITE_P(Shifts, DpuMatcherShift, ::testing::Values(3.0, 7.25, 12.5, 20.75, 41.4, 62.0));
