@@ -66,13 +66,6 @@ inline void storeCosts(uint8_t* p, const Costs& c)
     }
 }
 
-inline Costs filled(uint8_t value)
-{
-    Costs c;
-    c.fill(cv::v_setall_u8(value));
-    return c;
-}
-
 // The minimum of all lanes, in every lane.
 inline v_uint8x16 minOf(const Costs& c)
 {
