@@ -9,6 +9,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <ostream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -204,6 +205,11 @@ struct OddFrame {
     int height;
     bool flat;  // one grey level: no disparity can be told apart from another
 };
+
+void PrintTo(const OddFrame& frame, std::ostream* os)
+{
+    *os << frame.width << "x" << frame.height << (frame.flat ? " flat" : "");
+}
 
 class DpuMatcherOddFrame : public ::testing::TestWithParam<OddFrame> {};
 
