@@ -138,17 +138,31 @@ std::vector<unsigned short> computeUnit(const cv::Mat& left, const cv::Mat& righ
     return out;
 }
 
-class DpuMatcherShift : public ::testing::TestWithParam<double> {};
+struct Shift {
+    double px;
+    double gain;  // the right camera's grey levels: gain * left + offset
+    double offset;
+};
+
+void PrintTo(const Shift& shift, std::ostream* os)
+{
+    *os << shift.px << " px, grey x" << shift.gain << " + " << shift.offset;
+}
+
+class DpuMatcherShift : public ::testing::TestWithParam<Shift> {};
 
 // Every column left of 63 is invalid; right of it at least 95 % of the pixels
 // are valid and their median error is below 0.1 px, at whole and fractional
 // shifts alike (a fit pulled toward whole pixels errs by 0.11..0.13 px here).
-// The image is tall enough to be split into bands.
+// A gain and offset between the cameras changes none of this. The image is
+// tall enough to be split into bands.
 TEST_P(DpuMatcherShift, RecoversFractionalShiftsAndLeavesTheLeftBorderInvalid)
 {
-    const double shiftPx = GetParam();
+    const Shift shift = GetParam();
     const cv::Size size(200, 120);
-    const std::vector<unsigned short> out = computeUnit(waves(size, 0.0, 5), waves(size, shiftPx, 5));
+    cv::Mat right;
+    waves(size, shift.px, 5).convertTo(right, CV_8U, shift.gain, shift.offset);
+    const std::vector<unsigned short> out = computeUnit(waves(size, 0.0, 5), right);
     std::vector<double> errors;
     for (int y = 0; y < size.height; ++y) {
         for (int x = 0; x < size.width; ++x) {
@@ -156,7 +170,7 @@ TEST_P(DpuMatcherShift, RecoversFractionalShiftsAndLeavesTheLeftBorderInvalid)
             if (x < kFirstValidColumn) {
                 ASSERT_EQ(word, kInvalid) << x << ", " << y;
             } else if (word < 0x8000) {
-                errors.push_back(std::abs(word / 64.0 - shiftPx));
+                errors.push_back(std::abs(word / 64.0 - shift.px));
             }
         }
     }
@@ -166,7 +180,10 @@ TEST_P(DpuMatcherShift, RecoversFractionalShiftsAndLeavesTheLeftBorderInvalid)
     EXPECT_LT(errors[errors.size() / 2], 0.1);
 }
 
-INSTANTIATE_TEST_SUITE_P(Shifts, DpuMatcherShift, ::testing::Values(3.0, 7.25, 12.5, 20.75, 41.4, 62.0));
+INSTANTIATE_TEST_SUITE_P(Shifts, DpuMatcherShift,
+                         ::testing::Values(Shift{3.0, 1.0, 0.0}, Shift{7.25, 1.0, 0.0}, Shift{12.5, 1.0, 0.0},
+                                           Shift{20.75, 1.0, 0.0}, Shift{41.4, 1.0, 0.0}, Shift{62.0, 1.0, 0.0},
+                                           Shift{9.6, 0.7, 40.0}));
 
 // A square at 24 px before a background at 4 px hides, in the right view,
 // the 20 px of background left of it. Those pixels must not come out valid
