@@ -387,9 +387,9 @@ private:
     // slots (-0.5 .. 0.5): the equiangular fit to the census costs of these
     // slots summed over columns x - 2 .. x + 2 of this row. These carry no
     // path penalties, which flatten the sums' flanks and pull a fit on them
-    // toward whole pixels (median error 0.12 instead of 0.05 px at a third
-    // of a pixel); where the window's lowest cost is not at `best`, the sums
-    // are fitted instead.
+    // toward whole pixels (on a rendered plane at 13.33 px: median error
+    // 0.12 px fitting the sums, 0.07 px fitting these); where the window's
+    // lowest cost is not at `best`, the sums are fitted instead.
     float subPixelOffset(int x, int best, const Costs& sum) const
     {
         int below = 0;
