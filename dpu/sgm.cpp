@@ -285,32 +285,40 @@ public:
     }
 
 private:
+    // The hot loops keep buffer addresses in locals: byte stores may alias
+    // anything, so addresses read through b_ would be reloaded after each.
     uint8_t* leftCensus() { return b_.census.data(); }
     uint8_t* rightCensus() { return b_.census.data() + kCensusPlanes * static_cast<size_t>(f_.width); }
 
-    Costs topDownStep(size_t column, const Costs& cost)
-    {
-        return pathStepInRecord(cost, b_.topDown.data() + column * kRecordSize);
-    }
-
     void topDownOnly()
     {
-        for (int x = kFirstColumn; x < f_.width; ++x) {
-            topDownStep(static_cast<size_t>(x - kFirstColumn), censusCosts(leftCensus(), rightCensus(), f_.width, x));
+        const uint8_t* left = leftCensus();
+        const uint8_t* right = rightCensus();
+        uint8_t* topDown = b_.topDown.data();
+        const int width = f_.width;
+        for (int x = kFirstColumn; x < width; ++x) {
+            pathStepInRecord(censusCosts(left, right, width, x),
+                             topDown + static_cast<size_t>(x - kFirstColumn) * kRecordSize);
         }
     }
 
     // Left to right: census costs, the top-down and left-right paths.
     void forwardPass()
     {
+        const uint8_t* left = leftCensus();
+        const uint8_t* right = rightCensus();
+        uint8_t* topDown = b_.topDown.data();
+        uint8_t* costs = b_.costs.data();
+        uint8_t* sums = b_.sums.data();
+        const int width = f_.width;
         alignas(16) uint8_t path[kRecordSize];
         resetRecord(path);
-        for (int x = kFirstColumn; x < f_.width; ++x) {
+        for (int x = kFirstColumn; x < width; ++x) {
             const size_t column = static_cast<size_t>(x - kFirstColumn);
-            const Costs cost = censusCosts(leftCensus(), rightCensus(), f_.width, x);
-            storeCosts(b_.costs.data() + column * kD, cost);
-            const Costs td = topDownStep(column, cost);
-            storeCosts(b_.sums.data() + column * kD, add(td, pathStepInRecord(cost, path)));
+            const Costs cost = censusCosts(left, right, width, x);
+            storeCosts(costs + column * kD, cost);
+            const Costs td = pathStepInRecord(cost, topDown + column * kRecordSize);
+            storeCosts(sums + column * kD, add(td, pathStepInRecord(cost, path)));
         }
     }
 
@@ -329,16 +337,19 @@ private:
             }
             disparity[k] = cv::v_load(lanes);
         }
+        const uint8_t* costs = b_.costs.data();
+        const uint8_t* sums = b_.sums.data();
         uint8_t* rightCost = b_.rightCost.data();
         uint8_t* rightBest = b_.rightBest.data();
+        Winners winners{costs, b_.leftBest.data(), b_.leftWords.data(), f_.width};
         std::fill(rightCost, rightCost + f_.width, 0xFF);
         std::fill(rightBest, rightBest + f_.width, kNoWinner);
         alignas(16) uint8_t path[kRecordSize];
         resetRecord(path);
         for (int x = f_.width - 1; x >= kFirstColumn; --x) {
             const size_t column = static_cast<size_t>(x - kFirstColumn);
-            const Costs sum = add(loadCosts(b_.sums.data() + column * kD),
-                                  pathStepInRecord(loadCosts(b_.costs.data() + column * kD), path));
+            const Costs sum =
+                add(loadCosts(sums + column * kD), pathStepInRecord(loadCosts(costs + column * kD), path));
             // Strictly lower only: of equal costs the larger disparity, seen first, stays.
             const size_t firstRight = static_cast<size_t>(x - (kD - 1));
             for (int k = 0; k < kRegs; ++k) {
@@ -348,11 +359,18 @@ private:
                 cv::v_store(rightBest + firstRight + kLanes * k,
                             cv::v_select(better, disparity[k], cv::v_load(rightBest + firstRight + kLanes * k)));
             }
-            pickWinner(x, sum);
+            pickWinner(winners, x, sum);
         }
     }
 
-    void pickWinner(int x, const Costs& sum)
+    struct Winners {
+        const uint8_t* costs;  // the row's census costs, per column
+        uint8_t* best;         // per column: winning disparity, px, or kNoWinner
+        uint16_t* words;       // per column: the refined word of that winner
+        int width;
+    };
+
+    static void pickWinner(const Winners& winners, int x, const Costs& sum)
     {
         const v_uint8x16 minimum = minOf(sum);
         uint64_t atMinimum = 0;
@@ -371,16 +389,16 @@ private:
         const size_t at = static_cast<size_t>(x);
         // A tie with a distant disparity (a flat area: all costs equal) is no winner.
         if (100 * bestCost >= (100 - kUniquenessPercent) * secondCost) {
-            b_.leftBest[at] = kNoWinner;
+            winners.best[at] = kNoWinner;
             return;
         }
-        b_.leftBest[at] = static_cast<uint8_t>(kD - 1 - best);
+        winners.best[at] = static_cast<uint8_t>(kD - 1 - best);
         float slot = static_cast<float>(best);
         if (best > 0 && best < kD - 1) {
-            slot += subPixelOffset(x, best, sum);
+            slot += subPixelOffset(winners, x, best, sum);
         }
         // Rounded to the nearest 1/64 px; the value is at least 0.
-        b_.leftWords[at] = static_cast<uint16_t>((static_cast<float>(kD - 1) - slot) * 64.0f + 0.5f);
+        winners.words[at] = static_cast<uint16_t>((static_cast<float>(kD - 1) - slot) * 64.0f + 0.5f);
     }
 
     // Where between slots best - 1 and best + 1 the cost minimum lies, in
@@ -390,14 +408,14 @@ private:
     // toward whole pixels (on a rendered plane at 13.33 px: median error
     // 0.12 px fitting the sums, 0.07 px fitting these); where the window's
     // lowest cost is not at `best`, the sums are fitted instead.
-    float subPixelOffset(int x, int best, const Costs& sum) const
+    static float subPixelOffset(const Winners& winners, int x, int best, const Costs& sum)
     {
         int below = 0;
         int centre = 0;
         int above = 0;
-        const int last = std::min(x + kSubPixelRadius, f_.width - 1);
+        const int last = std::min(x + kSubPixelRadius, winners.width - 1);
         for (int column = std::max(x - kSubPixelRadius, kFirstColumn); column <= last; ++column) {
-            const uint8_t* costs = b_.costs.data() + static_cast<size_t>(column - kFirstColumn) * kD;
+            const uint8_t* costs = winners.costs + static_cast<size_t>(column - kFirstColumn) * kD;
             below += costs[best - 1];
             centre += costs[best];
             above += costs[best + 1];
