@@ -3,17 +3,30 @@
 //   BlockMatchBand / BlockMatchWholeFrame: what restricting BM to the pitch
 //     band saves (same matcher, same settings);
 //   UnitPair: the stereo unit substitute on one rotated pair;
+//   UnitVersusSgbm3Way: the substitute and OpenCV's fastest semi-global mode
+//     (StereoSGBM 64 px, 5x5, P1 = 8*25, P2 = 32*25, MODE_SGBM_3WAY) called
+//     in turn on the same pair, the synthetic one or (arg 2 = 1) a rendered
+//     obstacle scene; counters: the median per-call time ratio
+//     (substitute / OpenCV), its 10th and 90th percentiles, and each side's
+//     median time in ms;
 //   Fixed2Float / CopyFloats: decoding one frame of unit words against a
 //     plain copy of as many floats.
 // Sizes are rotated (width x height).
 
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cstring>
 #include <vector>
 
+#include <opencv2/calib3d.hpp>
+
 #include "dpu.h"
 #include "stereomatcher.h"
+#ifdef BINO_BENCH_RENDERED_PAIR
+#include "scenerender.h"
+#endif
 
 namespace {
 
@@ -77,6 +90,75 @@ void UnitPair(benchmark::State& state)
     }
 }
 
+// The rendered scene of the accuracy tests: a textured obstacle plane at 5 m
+// (16 px) before a background at 40 m (2 px).
+bool renderedPair(cv::Size size, SyntheticPair& pair)
+{
+#ifdef BINO_BENCH_RENDERED_PAIR
+    scene::Rig rig;
+    rig.size = size;
+    scene::renderPair(rig, scene::SceneLayout{}, pair.left, pair.right);
+    return true;
+#else
+    (void)size;
+    (void)pair;
+    return false;
+#endif
+}
+
+double quantile(std::vector<double> values, double q)
+{
+    const auto at = values.begin() + static_cast<std::ptrdiff_t>(q * static_cast<double>(values.size() - 1) + 0.5);
+    std::nth_element(values.begin(), at, values.end());
+    return *at;
+}
+
+// Each iteration times one substitute call and one OpenCV call back to back,
+// so both see the same load; the ratio of each pair of calls is one sample.
+void UnitVersusSgbm3Way(benchmark::State& state)
+{
+    SyntheticPair pair = syntheticPair(sizeOf(state));
+    if (state.range(2) == 1 && !renderedPair(sizeOf(state), pair)) {
+        state.SkipWithError("built without the scene renderer");
+        return;
+    }
+    if (dpu_init(pair.left.cols, pair.left.rows) != DPU_OK) {
+        state.SkipWithError("dpu_init refused the size");
+        return;
+    }
+    constexpr int kBlockSize = 5;
+    auto sgbm = cv::StereoSGBM::create(0, 64, kBlockSize);
+    sgbm->setP1(8 * kBlockSize * kBlockSize);
+    sgbm->setP2(32 * kBlockSize * kBlockSize);
+    sgbm->setMode(cv::StereoSGBM::MODE_SGBM_3WAY);
+    std::vector<unsigned short> words(pair.left.total());
+    cv::Mat disparity;
+    std::vector<double> ratios;
+    std::vector<double> unitMs;
+    std::vector<double> sgbmMs;
+    // First calls allocate working memory (and OpenCV starts its threads).
+    dpu_compute_grp0(pair.left.data, pair.right.data, words.data());
+    sgbm->compute(pair.left, pair.right, disparity);
+    using Clock = std::chrono::steady_clock;
+    for (auto _ : state) {
+        const Clock::time_point start = Clock::now();
+        dpu_compute_grp0(pair.left.data, pair.right.data, words.data());
+        benchmark::DoNotOptimize(words.data());
+        const Clock::time_point unitDone = Clock::now();
+        sgbm->compute(pair.left, pair.right, disparity);
+        benchmark::DoNotOptimize(disparity.data);
+        const Clock::time_point sgbmDone = Clock::now();
+        unitMs.push_back(std::chrono::duration<double, std::milli>(unitDone - start).count());
+        sgbmMs.push_back(std::chrono::duration<double, std::milli>(sgbmDone - unitDone).count());
+        ratios.push_back(unitMs.back() / sgbmMs.back());
+    }
+    state.counters["ratio"] = quantile(ratios, 0.5);
+    state.counters["ratio_p10"] = quantile(ratios, 0.1);
+    state.counters["ratio_p90"] = quantile(ratios, 0.9);
+    state.counters["unit_ms"] = quantile(unitMs, 0.5);
+    state.counters["sgbm3way_ms"] = quantile(sgbmMs, 0.5);
+}
+
 // Unit words as a frame holds them: mostly valid disparities, one in eight
 // flagged invalid.
 void fillWords(uint16_t* words, size_t count)
@@ -126,5 +208,12 @@ void rotatedSizes(benchmark::internal::Benchmark* bench)
 BENCHMARK(BlockMatchBand)->Apply(rotatedSizes);
 BENCHMARK(BlockMatchWholeFrame)->Apply(rotatedSizes);
 BENCHMARK(UnitPair)->Apply(rotatedSizes);
+// 30 interleaved pairs of calls per pair kind: enough for a stable median.
+BENCHMARK(UnitVersusSgbm3Way)
+    ->Args({480, 640, 0})
+    ->Args({480, 640, 1})
+    ->ArgNames({"width", "height", "rendered"})
+    ->Iterations(30)
+    ->Unit(benchmark::kMillisecond);
 BENCHMARK(Fixed2Float)->Apply(rotatedSizes)->Unit(benchmark::kMicrosecond);
 BENCHMARK(CopyFloats)->Apply(rotatedSizes)->Unit(benchmark::kMicrosecond);

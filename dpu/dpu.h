@@ -27,9 +27,9 @@ extern "C" {
 #endif
 
 #define DPU_OK 0
-#define DPU_EINVAL (-1)   /* null pointer, or no successful dpu_init yet */
-#define DPU_ESIZE (-2)    /* dpu_init: width or height not usable by the unit */
-#define DPU_EFAULT (-3)   /* the unit failed; every output word is marked invalid */
+#define DPU_EINVAL (-1) /* null pointer, or no successful dpu_init yet */
+#define DPU_ESIZE (-2)  /* dpu_init: width or height not usable by the unit */
+#define DPU_EFAULT (-3) /* the unit failed; every output word is marked invalid */
 
 /* Prepares both groups for image pairs of width x height pixels. A later call
  * replaces the size for both groups; a call with an unusable size returns
