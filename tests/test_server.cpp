@@ -67,23 +67,6 @@ Bytes readBytes(const SocketFd& viewer, size_t count)
     return bytes;
 }
 
-// The packet as a viewer must see it, built byte by byte.
-Bytes packetOf(uint32_t type, const Bytes& payload)
-{
-    Bytes packet;
-    auto word = [&packet](uint32_t value) {
-        for (int shift = 0; shift < 32; shift += 8) {
-            packet.push_back(static_cast<unsigned char>(value >> shift));
-        }
-    };
-    word(0x11223344);
-    word(static_cast<uint32_t>(payload.size()));
-    word(type);
-    packet.insert(packet.end(), payload.begin(), payload.end());
-    word(0x55667788);
-    return packet;
-}
-
 Bytes pattern(size_t size, unsigned seed)
 {
     Bytes bytes(size);
@@ -131,8 +114,8 @@ TEST_F(ServerTest, AFrameIsAPairPacketThenADisparityPacket)
     const Bytes first = readBytes(viewer, 12 + 614400 + 4);
     const Bytes second = readBytes(viewer, 12 + 921600 + 4);
     worker.join();
-    EXPECT_TRUE(first == packetOf(0, pair));
-    EXPECT_TRUE(second == packetOf(3, disparity));
+    EXPECT_TRUE(first == testsupport::streamPacket(0, pair));
+    EXPECT_TRUE(second == testsupport::streamPacket(3, disparity));
     ASSERT_EQ(second.size(), 12u + 921600u + 4u);
     float decoded = 0;
     std::memcpy(&decoded, second.data() + 12, sizeof decoded);
@@ -149,7 +132,7 @@ TEST_F(ServerTest, WithoutAViewerWriteDoesNothing)
     SocketFd viewer = connected();
     const Bytes payload = pattern(10, 4);
     write(payload, DISPARITY_COLOR);
-    EXPECT_TRUE(readBytes(viewer, 26) == packetOf(3, payload));
+    EXPECT_TRUE(readBytes(viewer, 26) == testsupport::streamPacket(3, payload));
 }
 
 // A second viewer waits in the backlog and gets nothing until the first
@@ -160,7 +143,7 @@ TEST_F(ServerTest, OneViewerAtATimeAndEachCloseLoggedOnce)
     SocketFd second = connectViewer(port);
     const Bytes payload = pattern(64, 5);
     write(payload, STEREO_PAIR);
-    EXPECT_TRUE(readBytes(first, 80) == packetOf(0, payload));
+    EXPECT_TRUE(readBytes(first, 80) == testsupport::streamPacket(0, payload));
     char byte = 0;
     EXPECT_EQ(recv(second.get(), &byte, 1, MSG_DONTWAIT), -1);
 
@@ -168,7 +151,7 @@ TEST_F(ServerTest, OneViewerAtATimeAndEachCloseLoggedOnce)
     ASSERT_TRUE(waitUntil([&] { return log.count("[BINOLIB] client disconnected.") == 1; }));
     ASSERT_TRUE(waitUntil([&] { return server.isConnected.load(); }));
     write(payload, STEREO_PAIR);
-    EXPECT_TRUE(readBytes(second, 80) == packetOf(0, payload));
+    EXPECT_TRUE(readBytes(second, 80) == testsupport::streamPacket(0, payload));
     EXPECT_EQ(log.count("[BINOLIB] client disconnected."), 1u);
 }
 
@@ -197,7 +180,7 @@ TEST_F(ServerTest, AStalledThenVanishedViewerNeverStopsTheServer)
     SocketFd next = connected();
     const Bytes payload = pattern(32, 7);
     write(payload, DISPARITY_COLOR);
-    EXPECT_TRUE(readBytes(next, 48) == packetOf(3, payload));
+    EXPECT_TRUE(readBytes(next, 48) == testsupport::streamPacket(3, payload));
 }
 
 // A failed bind is logged with the address and port, and the server still

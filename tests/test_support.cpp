@@ -94,10 +94,7 @@ LogCapture::LogCapture()
     });
 }
 
-LogCapture::~LogCapture()
-{
-    binolog::setHook(nullptr);
-}
+LogCapture::~LogCapture() { binolog::setHook(nullptr); }
 
 std::vector<binolog::Record> LogCapture::records() const
 {
@@ -121,6 +118,22 @@ void LogCapture::clear()
 {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_records.clear();
+}
+
+std::vector<unsigned char> streamPacket(uint32_t type, const std::vector<unsigned char>& payload)
+{
+    std::vector<unsigned char> packet;
+    auto word = [&packet](uint32_t value) {
+        for (int shift = 0; shift < 32; shift += 8) {
+            packet.push_back(static_cast<unsigned char>(value >> shift));
+        }
+    };
+    word(0x11223344);
+    word(static_cast<uint32_t>(payload.size()));
+    word(type);
+    packet.insert(packet.end(), payload.begin(), payload.end());
+    word(0x55667788);
+    return packet;
 }
 
 ChildResult runInChild(const std::function<void()>& body, int timeoutSeconds)
@@ -151,7 +164,8 @@ ChildResult runInChild(const std::function<void()>& body, int timeoutSeconds)
     char chunk[4096];
     bool timedOut = false;
     for (;;) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
         if (left.count() <= 0) {
             timedOut = true;
             break;
