@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
 # Installs the Debian 12 packages the build, the tests and the tools need.
+# Usage: install-deps.sh [display]
 # Quiet and quick when everything is already there. Needs root (or sudo).
 set -euo pipefail
 
@@ -9,6 +10,10 @@ packages=(
   libgtest-dev libgmock-dev
   libbenchmark-dev
 )
+# "install-deps.sh display" adds the virtual X server for the viewer's window test.
+if [ "${1:-}" = display ]; then
+  packages+=(xvfb xauth)
+fi
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

@@ -6,6 +6,8 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -18,8 +20,14 @@
 #include <opencv2/imgproc.hpp>
 
 #include "server.h"
+#include "streamview.h"
 #include "test_support.h"
 #include "vieweroptions.h"
+
+#ifdef BINO_HAVE_X11
+#include <X11/Xlib.h>
+#include <X11/Xutil.h>
+#endif
 
 // GDAL, which OpenCV's image codecs load, takes two of its own mutexes in
 // both orders; ThreadSanitizer reports that outside this code base.
@@ -36,13 +44,13 @@ struct Frame {
     cv::Mat left, right, disparity;
 };
 
-// Frame k as the test's module streams it; left(0, 0) is k.
-Frame frameOf(int k)
+// Frame k as the test's module streams it.
+Frame frameOf(int k, cv::Size size = kSize)
 {
-    Frame frame{cv::Mat(kSize, CV_8UC1), cv::Mat(kSize, CV_8UC1), cv::Mat()};
-    cv::Mat grey(kSize, CV_8UC1);
-    for (int y = 0; y < kSize.height; ++y) {
-        for (int x = 0; x < kSize.width; ++x) {
+    Frame frame{cv::Mat(size, CV_8UC1), cv::Mat(size, CV_8UC1), cv::Mat()};
+    cv::Mat grey(size, CV_8UC1);
+    for (int y = 0; y < size.height; ++y) {
+        for (int x = 0; x < size.width; ++x) {
             frame.left.at<uchar>(y, x) = static_cast<uchar>(x * 3 + y * 5 + k);
             frame.right.at<uchar>(y, x) = static_cast<uchar>(x * 3 + y * 5 + k + 7);
             grey.at<uchar>(y, x) = static_cast<uchar>(x + 2 * y + 3 * k);
@@ -55,12 +63,47 @@ Frame frameOf(int k)
     return frame;
 }
 
-void send(Server& server, const Frame& frame)
+// The frame's two packets: the pair, then the disparity.
+std::pair<PacketParser::Packet, PacketParser::Packet> packetsOf(const Frame& frame)
 {
     cv::Mat pair;
     cv::vconcat(frame.left, frame.right, pair);
-    server.write(pair.data, static_cast<int>(pair.total()), STEREO_PAIR);
-    server.write(frame.disparity.data, static_cast<int>(frame.disparity.total() * 3), DISPARITY_COLOR);
+    return {{STEREO_PAIR, std::vector<unsigned char>(pair.datastart, pair.dataend)},
+            {DISPARITY_COLOR, std::vector<unsigned char>(frame.disparity.datastart, frame.disparity.dataend)}};
+}
+
+void send(Server& server, const Frame& frame)
+{
+    const auto [pair, disparity] = packetsOf(frame);
+    for (const PacketParser::Packet* packet : {&pair, &disparity}) {
+        server.write(packet->payload.data(), static_cast<int>(packet->payload.size()),
+                     static_cast<ServerDataType>(packet->type));
+    }
+}
+
+// Runs the viewer with `arguments`, its output going to viewer.out.
+pid_t spawnViewer(const std::string& arguments)
+{
+    const std::string command = "exec " VIEWER_PATH " " + arguments + " >viewer.out 2>&1";
+    const pid_t pid = fork();
+    if (pid == 0) {
+        execl("/bin/sh", "sh", "-c", command.c_str(), static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    return pid;
+}
+
+bool waitUntil(const std::function<bool()>& condition)
+{
+    for (int i = 0; i < 2000 && !condition(); ++i) {  // at most about 10 s
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return condition();
+}
+
+std::string snapshot(int frame, const char* image)
+{
+    return "snaps/frame00000" + std::to_string(frame) + "-" + image + ".png";
 }
 
 bool same(const cv::Mat& a, const cv::Mat& b)
@@ -73,30 +116,25 @@ TEST(Viewer, SnapshotsMatchTheStreamAcrossAModuleRestart)
     testsupport::ScratchRoot root;
     auto server = std::make_unique<Server>("127.0.0.1", 0);
     const int port = server->listeningPort();
-    const std::string command = "exec " VIEWER_PATH " --port " + std::to_string(port) +
-                                " --size 40x30 --snapshot snaps --every 1 --frames 6 --no-window >viewer.out 2>&1";
-    const pid_t pid = fork();
-    if (pid == 0) {
-        execl("/bin/sh", "sh", "-c", command.c_str(), static_cast<char*>(nullptr));
-        _exit(127);
+    const pid_t pid = spawnViewer("--port " + std::to_string(port) +
+                                  " --size 40x30 --snapshot snaps --every 1 --frames 6 --no-window");
+    // Frame n once a viewer is connected; then waits until the viewer has
+    // written its snapshot, so no frame is still in flight at a restart.
+    auto streamFrame = [&](int n) {
+        ASSERT_TRUE(waitUntil([&] { return server->isConnected.load(); }));
+        send(*server, frameOf(n));
+        ASSERT_TRUE(waitUntil([&] { return std::filesystem::exists(snapshot(n, "view")); }));
+    };
+    for (int n = 1; n <= 6; ++n) {
+        if (n == 3) {
+            server.reset();  // the module restarts
+            server = std::make_unique<Server>("127.0.0.1", port);
+            ASSERT_EQ(server->listeningPort(), port);
+        }
+        streamFrame(n);
     }
     int status = 0;
-    int k = 0;
-    // Streams frames while a viewer is connected, every 10 ms, for at most 10 s.
-    auto streamUntil = [&](const std::function<bool()>& done) {
-        for (int i = 0; i < 1000 && !done(); ++i) {
-            if (server->isConnected) {
-                send(*server, frameOf(++k));
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-    };
-    streamUntil([] { return std::filesystem::exists("snaps/frame000002-view.png"); });
-    server.reset();  // the module restarts
-    server = std::make_unique<Server>("127.0.0.1", port);
-    ASSERT_EQ(server->listeningPort(), port);
-    streamUntil([&] { return waitpid(pid, &status, WNOHANG) == pid; });
-    if (!WIFEXITED(status)) {
+    if (!waitUntil([&] { return waitpid(pid, &status, WNOHANG) == pid; })) {
         kill(pid, SIGKILL);
         waitpid(pid, &status, 0);
     }
@@ -107,14 +145,11 @@ TEST(Viewer, SnapshotsMatchTheStreamAcrossAModuleRestart)
 
     for (int n = 1; n <= 6; ++n) {
         SCOPED_TRACE(n);
-        const std::string stem = "snaps/frame00000" + std::to_string(n);
-        const cv::Mat left = cv::imread(stem + "-left.png", cv::IMREAD_UNCHANGED);
-        ASSERT_FALSE(left.empty());
-        const Frame sent = frameOf(left.at<uchar>(0, 0));
-        EXPECT_TRUE(same(left, sent.left));
-        EXPECT_TRUE(same(cv::imread(stem + "-right.png", cv::IMREAD_UNCHANGED), sent.right));
-        EXPECT_TRUE(same(cv::imread(stem + "-disparity.png", cv::IMREAD_UNCHANGED), sent.disparity));
-        const cv::Mat view = cv::imread(stem + "-view.png", cv::IMREAD_UNCHANGED);
+        const Frame sent = frameOf(n);
+        EXPECT_TRUE(same(cv::imread(snapshot(n, "left"), cv::IMREAD_UNCHANGED), sent.left));
+        EXPECT_TRUE(same(cv::imread(snapshot(n, "right"), cv::IMREAD_UNCHANGED), sent.right));
+        EXPECT_TRUE(same(cv::imread(snapshot(n, "disparity"), cv::IMREAD_UNCHANGED), sent.disparity));
+        const cv::Mat view = cv::imread(snapshot(n, "view"), cv::IMREAD_UNCHANGED);
         ASSERT_EQ(view.size(), cv::Size(3 * kSize.width, kSize.height));
         cv::Mat leftPanel;
         cv::cvtColor(sent.left, leftPanel, cv::COLOR_GRAY2BGR);
@@ -123,6 +158,73 @@ TEST(Viewer, SnapshotsMatchTheStreamAcrossAModuleRestart)
         EXPECT_EQ(view.at<cv::Vec3b>(26, 2 * kSize.width + 6), cv::Vec3b(255, 255, 255));
     }
 }
+
+#ifdef BINO_HAVE_X11
+// The whole screen of the display, CV_8UC3; empty if it cannot be read.
+cv::Mat grabScreen()
+{
+    Display* display = XOpenDisplay(nullptr);
+    if (display == nullptr) {
+        return cv::Mat();
+    }
+    XWindowAttributes root = {};
+    XGetWindowAttributes(display, DefaultRootWindow(display), &root);
+    XImage* image = XGetImage(display, DefaultRootWindow(display), 0, 0, static_cast<unsigned>(root.width),
+                              static_cast<unsigned>(root.height), AllPlanes, ZPixmap);
+    cv::Mat screen;
+    if (image != nullptr && image->bits_per_pixel == 32) {  // B, G, R, unused on a 24-bit TrueColor screen
+        const cv::Mat bgrx(root.height, root.width, CV_8UC4, image->data, static_cast<size_t>(image->bytes_per_line));
+        cv::cvtColor(bgrx, screen, cv::COLOR_BGRA2BGR);
+    }
+    if (image != nullptr) {
+        XDestroyImage(image);
+    }
+    XCloseDisplay(display);
+    return screen;
+}
+
+// Under a display (scripts/viewer-window.sh: Xvfb), the window shows exactly
+// the picture the viewer renders for the streamed frame. The last screenshot
+// is kept at the path in BINOCULAR_WINDOW_TEST.
+TEST(ViewerWindow, ShowsThePairAndTheDisparity)
+{
+    const char* screenshotPath = std::getenv("BINOCULAR_WINDOW_TEST");
+    if (screenshotPath == nullptr || std::getenv("DISPLAY") == nullptr) {
+        GTEST_SKIP() << "run by scripts/viewer-window.sh under a virtual display";
+    }
+    const std::string screenshot = std::filesystem::absolute(screenshotPath).string();
+    testsupport::ScratchRoot root;
+    Server server("127.0.0.1", 0);
+    const pid_t pid = spawnViewer("--port " + std::to_string(server.listeningPort()) + " --size 160x120");
+    const Frame frame = frameOf(5, cv::Size(160, 120));
+    StreamView expected(cv::Size(160, 120));
+    expected.take(packetsOf(frame).first);
+    expected.take(packetsOf(frame).second);
+    const cv::Mat picture = expected.render();
+
+    bool shown = false;
+    cv::Mat screen;
+    for (int i = 0; i < 100 && !shown; ++i) {  // at most about 10 s
+        if (server.isConnected) {
+            send(server, frame);
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        screen = grabScreen();
+        ASSERT_FALSE(screen.empty());
+        cv::Mat difference;
+        cv::matchTemplate(screen, picture, difference, cv::TM_SQDIFF);
+        double best = 0;
+        cv::minMaxLoc(difference, &best);
+        shown = best == 0.0;
+    }
+    cv::imwrite(screenshot, screen);
+    kill(pid, SIGTERM);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    EXPECT_TRUE(shown) << "screenshot: " << screenshot;
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+}
+#endif
 
 TEST(ViewerOptions, ParsesGoodAndRejectsBadArguments)
 {

@@ -21,6 +21,15 @@
 #include "streamview.h"
 #include "vieweroptions.h"
 
+// GDAL, which OpenCV's image codecs load, takes two of its own mutexes in
+// both orders while writing snapshots; ThreadSanitizer builds would report
+// that as a potential deadlock outside this code base. Only the sanitizer
+// runtime calls this.
+extern "C" __attribute__((visibility("default"))) const char* __tsan_default_suppressions()
+{
+    return "deadlock:libgdal.so\n";
+}
+
 namespace {
 
 using Clock = std::chrono::steady_clock;
