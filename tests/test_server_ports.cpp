@@ -4,9 +4,6 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
-#include <chrono>
-#include <thread>
-
 #include "server.h"
 #include "test_support.h"
 
@@ -25,10 +22,7 @@ TEST(ServerPorts, FrontAndDownAcceptViewersOnTheBuildsAddress)
         address.sin_addr.s_addr = inet_addr(Server::kListenAddress);
         address.sin_port = htons(static_cast<uint16_t>(port));
         ASSERT_EQ(connect(viewer.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-        for (int i = 0; i < 1000 && !server.isConnected; ++i) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-        EXPECT_TRUE(server.isConnected);
+        EXPECT_TRUE(testsupport::waitUntil([&] { return server.isConnected.load(); }));
     }
 }
 

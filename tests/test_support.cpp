@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <stdexcept>
+#include <thread>
 
 #include "paths.h"
 
@@ -94,7 +95,10 @@ LogCapture::LogCapture()
     });
 }
 
-LogCapture::~LogCapture() { binolog::setHook(nullptr); }
+LogCapture::~LogCapture()
+{
+    binolog::setHook(nullptr);
+}
 
 std::vector<binolog::Record> LogCapture::records() const
 {
@@ -136,6 +140,17 @@ std::vector<unsigned char> streamPacket(uint32_t type, const std::vector<unsigne
     return packet;
 }
 
+bool waitUntil(const std::function<bool()>& condition)
+{
+    for (int i = 0; i < 2000; ++i) {
+        if (condition()) {
+            return true;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return condition();
+}
+
 ChildResult runInChild(const std::function<void()>& body, int timeoutSeconds)
 {
     int fds[2];
@@ -164,8 +179,7 @@ ChildResult runInChild(const std::function<void()>& body, int timeoutSeconds)
     char chunk[4096];
     bool timedOut = false;
     for (;;) {
-        const auto left =
-            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
         if (left.count() <= 0) {
             timedOut = true;
             break;

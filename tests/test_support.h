@@ -76,11 +76,15 @@ private:
 /// head marker, payload length, type, payload, tail marker, little-endian.
 std::vector<unsigned char> streamPacket(uint32_t type, const std::vector<unsigned char>& payload);
 
+/// Polls `condition` every 5 ms until it holds or about 10 s have passed;
+/// returns its last value.
+bool waitUntil(const std::function<bool()>& condition);
+
 struct ChildResult {
-    bool exited = false;  ///< ended through exit() rather than a signal
-    int exitCode = -1;    ///< exit status (0..255) when exited
-    int signal = 0;       ///< terminating signal otherwise
-    std::string output;   ///< everything the child wrote to stdout and stderr
+    bool exited = false;   ///< ended through exit() rather than a signal
+    int exitCode = -1;     ///< exit status (0..255) when exited
+    int signal = 0;        ///< terminating signal otherwise
+    std::string output;    ///< everything the child wrote to stdout and stderr
 };
 
 /// Runs body in a forked child with stdout and stderr captured; the child
