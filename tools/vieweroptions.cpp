@@ -129,6 +129,8 @@ whenever the module restarts, until Ctrl-C, q or Esc in the window, or --frames.
 
 A frame is a stereo-pair packet followed by a disparity packet. Garbage and
 packets cut short are skipped; the status line counts the skipped bytes.
+The module's sends wait while the viewer is behind, so a viewer that cannot
+keep up lowers the module's frame rate; snapshots of every frame cost most.
 Exit status: 0 when stopped or after --frames, 2 on bad arguments.
 )";
 }
