@@ -142,7 +142,8 @@ std::vector<unsigned char> streamPacket(uint32_t type, const std::vector<unsigne
 
 bool waitUntil(const std::function<bool()>& condition)
 {
-    for (int i = 0; i < 2000; ++i) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    for (int i = 0; i < 2000 && std::chrono::steady_clock::now() < deadline; ++i) {
         if (condition()) {
             return true;
         }

@@ -76,8 +76,8 @@ private:
 /// head marker, payload length, type, payload, tail marker, little-endian.
 std::vector<unsigned char> streamPacket(uint32_t type, const std::vector<unsigned char>& payload);
 
-/// Polls `condition` every 5 ms until it holds or about 10 s have passed;
-/// returns its last value.
+/// Polls `condition` every 5 ms until it holds, at most 2000 times and for
+/// at most 10 s; returns its last value.
 bool waitUntil(const std::function<bool()>& condition);
 
 struct ChildResult {

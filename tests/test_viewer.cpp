@@ -72,17 +72,43 @@ void send(Server& server, const Frame& frame)
     }
 }
 
-// Runs the viewer with `arguments`, its output going to viewer.out.
-pid_t spawnViewer(const std::string& arguments)
-{
-    const std::string command = "exec " VIEWER_PATH " " + arguments + " >viewer.out 2>&1";
-    const pid_t pid = fork();
-    if (pid == 0) {
-        execl("/bin/sh", "sh", "-c", command.c_str(), static_cast<char*>(nullptr));
-        _exit(127);
+// The viewer program with `arguments`, its output in viewer.out. Whatever
+// way a test ends, the process is ended and reaped.
+class ViewerProcess {
+public:
+    explicit ViewerProcess(const std::string& arguments) : m_pid(fork())
+    {
+        if (m_pid == 0) {
+            const std::string command = "exec " VIEWER_PATH " " + arguments + " >viewer.out 2>&1";
+            execl("/bin/sh", "sh", "-c", command.c_str(), static_cast<char*>(nullptr));
+            _exit(127);
+        }
     }
-    return pid;
-}
+    ~ViewerProcess()
+    {
+        if (m_code == -1) {
+            kill(m_pid, SIGTERM);
+            if (exitCode() == -1) {
+                kill(m_pid, SIGKILL);
+                waitpid(m_pid, nullptr, 0);
+            }
+        }
+    }
+    /// Waits at most 10 s: the exit status, 128 + signal, or -1 while it runs.
+    int exitCode()
+    {
+        int status = 0;
+        if (m_code == -1 && waitUntil([&] { return waitpid(m_pid, &status, WNOHANG) == m_pid; })) {
+            m_code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+        }
+        return m_code;
+    }
+    void terminate() { kill(m_pid, SIGTERM); }
+
+private:
+    pid_t m_pid;
+    int m_code = -1;
+};
 
 std::string snapshot(int frame, const char* image)
 {
@@ -99,8 +125,8 @@ TEST(Viewer, SnapshotsMatchTheStreamAcrossAModuleRestart)
     testsupport::ScratchRoot root;
     auto server = std::make_unique<Server>("127.0.0.1", 0);
     const int port = server->listeningPort();
-    const pid_t pid = spawnViewer("--port " + std::to_string(port) +
-                                  " --size 40x30 --snapshot snaps --every 1 --frames 6 --no-window");
+    ViewerProcess viewer("--port " + std::to_string(port) +
+                         " --size 40x30 --snapshot snaps --every 1 --frames 6 --no-window");
     // Frame n goes out once a viewer is connected; the next waits for its
     // snapshot, so no frame is in flight when the module restarts.
     for (int n = 1; n <= 6; ++n) {
@@ -112,14 +138,10 @@ TEST(Viewer, SnapshotsMatchTheStreamAcrossAModuleRestart)
         send(*server, frameOf(n));
         ASSERT_TRUE(waitUntil([&] { return std::filesystem::exists(snapshot(n, "view")); }));
     }
-    int status = 0;
-    if (!waitUntil([&] { return waitpid(pid, &status, WNOHANG) == pid; })) {
-        kill(pid, SIGKILL);
-        waitpid(pid, &status, 0);
-    }
+    const int code = viewer.exitCode();
     std::stringstream output;
     output << std::ifstream("viewer.out").rdbuf();
-    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << output.str();
+    ASSERT_EQ(code, 0) << output.str();
     EXPECT_NE(output.str().find("disconnected from 127.0.0.1:" + std::to_string(port)), std::string::npos);
 
     for (int n = 1; n <= 6; ++n) {
@@ -173,7 +195,7 @@ TEST(ViewerWindow, ShowsThePairAndTheDisparity)
     const std::string screenshot = std::filesystem::absolute(screenshotPath).string();
     testsupport::ScratchRoot root;
     Server server("127.0.0.1", 0);
-    const pid_t pid = spawnViewer("--port " + std::to_string(server.listeningPort()) + " --size 160x120");
+    ViewerProcess viewer("--port " + std::to_string(server.listeningPort()) + " --size 160x120");
     const Frame frame = frameOf(5, cv::Size(160, 120));
     StreamView expected(cv::Size(160, 120));
     expected.take(frame.packets[0]);
@@ -185,20 +207,20 @@ TEST(ViewerWindow, ShowsThePairAndTheDisparity)
             send(server, frame);
         }
         screen = grabScreen();
-        cv::Mat difference;
-        double best = 1;
-        if (!screen.empty()) {
-            cv::matchTemplate(screen, picture, difference, cv::TM_SQDIFF);
-            cv::minMaxLoc(difference, &best);
+        if (screen.empty()) {
+            return false;
         }
-        return best == 0.0;
+        // The best match (computed in floating point), then checked exactly.
+        cv::Mat difference;
+        cv::Point at;
+        cv::matchTemplate(screen, picture, difference, cv::TM_SQDIFF);
+        cv::minMaxLoc(difference, nullptr, nullptr, &at);
+        return same(screen(cv::Rect(at, picture.size())), picture);
     });
     cv::imwrite(screenshot, screen);
-    kill(pid, SIGTERM);
-    int status = 0;
-    waitpid(pid, &status, 0);
+    viewer.terminate();
     EXPECT_TRUE(shown) << "screenshot: " << screenshot;
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    EXPECT_EQ(viewer.exitCode(), 0);
 }
 #endif
 

@@ -21,13 +21,17 @@
 #include "streamview.h"
 #include "vieweroptions.h"
 
-// GDAL, which OpenCV's image codecs load, takes two of its own mutexes in
-// both orders while writing snapshots; ThreadSanitizer builds would report
-// that as a potential deadlock outside this code base. Only the sanitizer
-// runtime calls this.
+// Reports from sanitizer builds that lie outside this code base: GDAL, which
+// OpenCV's image codecs load, takes two of its own mutexes in both orders
+// while writing snapshots; the window toolkit's D-Bus and fontconfig keep
+// allocations until exit. Only the sanitizer runtimes call these.
 extern "C" __attribute__((visibility("default"))) const char* __tsan_default_suppressions()
 {
     return "deadlock:libgdal.so\n";
+}
+extern "C" __attribute__((visibility("default"))) const char* __lsan_default_suppressions()
+{
+    return "leak:libdbus-1.so\nleak:libfontconfig.so\n";
 }
 
 namespace {
