@@ -21,13 +21,15 @@
 #include "streamview.h"
 #include "vieweroptions.h"
 
-// Reports from sanitizer builds that lie outside this code base: GDAL, which
-// OpenCV's image codecs load, takes two of its own mutexes in both orders
-// while writing snapshots; the window toolkit's D-Bus and fontconfig keep
-// allocations until exit. Only the sanitizer runtimes call these.
+// Reports from sanitizer builds that lie outside this code base, which runs
+// on one thread: GDAL, which OpenCV's image codecs load, takes two of its own
+// mutexes in both orders while writing snapshots; the window toolkit (Qt,
+// GLib) runs a thread of its own that ThreadSanitizer cannot follow, and its
+// D-Bus and fontconfig keep allocations until exit. Only the sanitizer
+// runtimes call these.
 extern "C" __attribute__((visibility("default"))) const char* __tsan_default_suppressions()
 {
-    return "deadlock:libgdal.so\n";
+    return "deadlock:libgdal.so\nrace:libQt5Core.so\nrace:libglib-2.0.so\n";
 }
 extern "C" __attribute__((visibility("default"))) const char* __lsan_default_suppressions()
 {
