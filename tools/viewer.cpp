@@ -157,7 +157,7 @@ private:
                 frameDone();
                 return;
             case StreamView::Taken::Disparity:
-                show();
+                m_changed = true;
                 return;
             default:
                 return;
@@ -173,29 +173,29 @@ private:
         if (snapshot && !m_view.writeSnapshot(m_options.snapshotDir, error)) {
             std::fprintf(stderr, "viewer: %s\n", error.c_str());
         }
-        show();
+        m_changed = true;
         if (m_options.frames > 0 && frame >= m_options.frames) {
             m_quit = true;
         }
     }
 
-    void show()
-    {
-        if (m_window) {
-            cv::imshow(m_title, m_view.render());
-        }
-    }
-
-    // Window events, the once-a-second status line.
+    // The window at most every kRefresh, the once-a-second status line. The
+    // socket is read at full speed in between: the module's sends wait for a
+    // viewer that falls behind, so drawing every frame could slow the module.
     void tick()
     {
-        if (m_window) {
+        const auto now = Clock::now();
+        if (m_window && now - m_lastRefresh >= kRefresh) {
+            if (m_changed) {
+                cv::imshow(m_title, m_view.render());
+                m_changed = false;
+            }
             const int key = cv::waitKey(1);
             if (key == 'q' || key == 27 || cv::getWindowProperty(m_title, cv::WND_PROP_VISIBLE) < 1) {
                 m_quit = true;
             }
+            m_lastRefresh = now;
         }
-        const auto now = Clock::now();
         if (now - m_lastStatus >= std::chrono::seconds(1)) {
             const double seconds = std::chrono::duration<double>(now - m_lastStatus).count();
             m_rate = static_cast<double>(m_framesThisSecond) / seconds;
@@ -235,7 +235,11 @@ private:
     viewer::Options m_options;
     StreamView m_view;
     PacketParser m_parser;
+    static constexpr std::chrono::milliseconds kRefresh{40};
+
     bool m_window = false;
+    bool m_changed = false;  ///< the picture changed since it was last drawn
+    Clock::time_point m_lastRefresh;
     std::string m_title;
     bool m_quit = false;
     Clock::time_point m_lastStatus;
