@@ -2,6 +2,8 @@
 // in vieweroptions.cpp for the options.
 
 #include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -72,6 +74,19 @@ SocketFd connectTo(const viewer::Options& options)
         }
     }
     freeaddrinfo(found);
+    // A module computer that reboots never closes the old connection; TCP
+    // keep-alive probes find it gone within about 10 s of silence, which the
+    // module's idle periods alone never cause.
+    const int on = 1;
+    const int idleSeconds = 5;
+    const int intervalSeconds = 2;
+    const int probes = 3;
+    if (connection.isValid()) {
+        setsockopt(connection.get(), SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
+        setsockopt(connection.get(), IPPROTO_TCP, TCP_KEEPIDLE, &idleSeconds, sizeof idleSeconds);
+        setsockopt(connection.get(), IPPROTO_TCP, TCP_KEEPINTVL, &intervalSeconds, sizeof intervalSeconds);
+        setsockopt(connection.get(), IPPROTO_TCP, TCP_KEEPCNT, &probes, sizeof probes);
+    }
     return connection;
 }
 
