@@ -60,12 +60,15 @@ void Server::setServerSocket(const std::string& address, int listenPort)
     const bool valid =
         ::inet_pton(AF_INET, address.c_str(), &local.sin_addr) == 1 && listenPort >= 0 && listenPort <= 65535;
     if (!valid || ::bind(serverSocket.get(), reinterpret_cast<const sockaddr*>(&local), sizeof local) != 0) {
+        // No listen() on an unbound socket: the system would bind it to a
+        // random port on every interface, exposing the stream to any network
+        // the computer is on. The listen thread's failing accept keeps the
+        // fault visible instead.
         BINO_ERROR("[BINOLIB] server bind %s:%d failed.", address.c_str(), listenPort);
-    }
-    if (::listen(serverSocket.get(), kBacklog) != 0) {
+    } else if (::listen(serverSocket.get(), kBacklog) != 0) {
         BINO_ERROR("[BINOLIB] socket listen failed.");
     }
-    // Also after a failed listen: the listen thread then keeps retrying and
+    // Also after a failure: the listen thread then keeps retrying and
     // logging, which is how the failure stays visible.
     socketReady = true;
 }
