@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs the Debian 12 packages the build, the tests and the tools need,
-# plus any package names given as arguments (e.g. clang for the fuzz build).
+# plus the packages named as arguments (e.g. clang for the fuzz build);
+# "display" names the virtual X server for the viewer's window test.
 # Quiet and quick when everything is already there. Needs root (or sudo).
 set -euo pipefail
 
@@ -9,8 +10,13 @@ packages=(
   libopencv-dev
   libgtest-dev libgmock-dev
   libbenchmark-dev
-  "$@"
 )
+for extra in "$@"; do
+  case "$extra" in
+    display) packages+=(xvfb xauth) ;;
+    *) packages+=("$extra") ;;
+  esac
+done
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <stdexcept>
+#include <thread>
 
 #include "paths.h"
 
@@ -114,6 +115,34 @@ void LogCapture::clear()
 {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_records.clear();
+}
+
+std::vector<unsigned char> streamPacket(uint32_t type, const std::vector<unsigned char>& payload)
+{
+    std::vector<unsigned char> packet;
+    auto word = [&packet](uint32_t value) {
+        for (int shift = 0; shift < 32; shift += 8) {
+            packet.push_back(static_cast<unsigned char>(value >> shift));
+        }
+    };
+    word(0x11223344);
+    word(static_cast<uint32_t>(payload.size()));
+    word(type);
+    packet.insert(packet.end(), payload.begin(), payload.end());
+    word(0x55667788);
+    return packet;
+}
+
+bool waitUntil(const std::function<bool()>& condition)
+{
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    for (int i = 0; i < 2000 && std::chrono::steady_clock::now() < deadline; ++i) {
+        if (condition()) {
+            return true;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return condition();
 }
 
 ChildResult runInChild(const std::function<void()>& body, int timeoutSeconds)
