@@ -45,8 +45,9 @@ public:
     /// at the frame centre (W/2, H/2).
     static Region getTargetCircleRegion(const cv::Mat& mask);
 
-    /// For a CV_8UC1 mask (non-zero = free), closed with a 10x10 square (the
-    /// caller's mask is left unchanged): among the outer outlines whose
+    /// For a CV_8UC1 mask (non-zero = free), closed with a 10x10 square whose
+    /// anchor (5, 5) is off centre, which moves every area 1 px right and
+    /// down (the caller's mask is left unchanged): among the outer outlines whose
     /// largest inner circle has a radius of more than 5 px, the one with the
     /// largest radius, value truncated to whole px and box (cx - r, cy - r,
     /// 2r, 2r), which is not clipped to the frame. Ties go to the first outline
