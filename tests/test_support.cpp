@@ -120,6 +120,22 @@ void LogCapture::clear()
     m_records.clear();
 }
 
+std::vector<unsigned char> streamPacket(uint32_t type, const std::vector<unsigned char>& payload)
+{
+    std::vector<unsigned char> packet;
+    auto word = [&packet](uint32_t value) {
+        for (int shift = 0; shift < 32; shift += 8) {
+            packet.push_back(static_cast<unsigned char>(value >> shift));
+        }
+    };
+    word(0x11223344);
+    word(static_cast<uint32_t>(payload.size()));
+    word(type);
+    packet.insert(packet.end(), payload.begin(), payload.end());
+    word(0x55667788);
+    return packet;
+}
+
 ChildResult runInChild(const std::function<void()>& body, int timeoutSeconds)
 {
     int fds[2];

@@ -2,6 +2,7 @@
 // Shared helpers of the test suite: a scratch root and working directory, a
 // guard that removes System V objects, a log capture and a child-process runner.
 
+#include <cstdint>
 #include <functional>
 #include <initializer_list>
 #include <mutex>
@@ -70,6 +71,10 @@ private:
     mutable std::mutex m_mutex;
     std::vector<binolog::Record> m_records;
 };
+
+/// A debug-stream packet as a viewer must receive it, built byte by byte:
+/// head marker, payload length, type, payload, tail marker, little-endian.
+std::vector<unsigned char> streamPacket(uint32_t type, const std::vector<unsigned char>& payload);
 
 struct ChildResult {
     bool exited = false;  ///< ended through exit() rather than a signal
