@@ -173,6 +173,7 @@ void writeConfig(bool sensing, bool enableFront, bool enableDown, const Pair& fr
             << "\nsaveImage = 0\nsaveInterval = 5\n";
     }
     fs::create_directories(rooted("/home/tarnwick/scripts"));
+    fs::create_directories(rooted("/run"));
     std::ofstream(rooted("/home/tarnwick/scripts/zlog_count.cfg")) << "7";
 }
 
@@ -247,8 +248,9 @@ std::vector<std::vector<std::string>> recordLines()
 }
 
 // Runs `scenario` in a child process in a scratch root with the fixed keys
-// free before and after.
-void inChild(const std::function<void()>& scenario, int timeoutSeconds = 240)
+// free before and after; returns what the child wrote (the module logs to
+// stderr).
+std::string inChild(const std::function<void()>& scenario, int timeoutSeconds = 240)
 {
     testsupport::SysvGuard guard{kFrontKey, kDownKey};
     const testsupport::ChildResult child = testsupport::runInChild(
@@ -264,6 +266,7 @@ void inChild(const std::function<void()>& scenario, int timeoutSeconds = 240)
         },
         timeoutSeconds);
     EXPECT_TRUE(child.exited && child.exitCode == 0) << child.output.substr(0, 20000);
+    return child.output;
 }
 
 // ---------------------------------------------------------------- scenarios
@@ -302,5 +305,147 @@ TEST_P(ModuleAccuracy, ReportedDistancesFollowTheScene)
 
 INSTANTIATE_TEST_SUITE_P(FrontMatcher, ModuleAccuracy, ::testing::Values(0, 1),
                          [](const ::testing::TestParamInfo<int>& param) { return param.param == 0 ? "Unit" : "BlockMatching"; });
+
+// Sensing off at start with the down pair disabled: status only, no record
+// and no distance until the host turns sensing on; every outgoing record is
+// byte-exact, and the flight state reaches the record line.
+TEST(ModuleHost, MessagesSwitchAndRecordsAreExact)
+{
+    const std::string log = inChild([] {
+        writeConfig(false, true, false, Pair{0}, Pair{0});
+        ASSERT_EQ(Camsim::run(std::string(kFrontRig) + " --calib-only"), 0);
+        Module module;
+        ASSERT_EQ(module.init(onMessage, 42), 0);
+        Camsim wall(std::string(kFrontRig) + " --fps 30 --no-calib --distance 5");
+
+        // Given sensing off: status once a second, nothing else.
+        ASSERT_TRUE(waitFor([] { return messages(BINO_MSG_STATUS).size() >= 2; }));
+        for (const Message& status : messages(BINO_MSG_STATUS)) {
+            EXPECT_EQ(status.bytes, std::vector<uint8_t>({status.bytes[0], 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
+        }
+        EXPECT_TRUE(messages(BINO_MSG_DISTANCE).empty());
+        EXPECT_TRUE(recordFiles().empty());
+
+        // Requests: one version reply; an unknown type is logged; the flight state.
+        module.send(HOST_MSG_VERSION_REQUEST, 1);
+        ASSERT_EQ(messages(BINO_MSG_VERSION_REPLY).size(), 1u);
+        EXPECT_EQ(messages(BINO_MSG_VERSION_REPLY)[0].bytes,
+                  std::vector<uint8_t>({1, 0, 3, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0, 3}));
+        module.send(7, 4);
+        module.send(HOST_MSG_IGNORED, 3);
+        module.send(HOST_MSG_BASIC_STATE, sizeof(AircraftBasicState), 71, {0xD2, 0x04, 0, 0});  // 12.34 m, not armed
+        module.send(HOST_MSG_ATTITUDE, sizeof(AircraftAttitudeInfo), 32, {0x2C, 0x01});         // 3.00 degrees
+        module.send(HOST_MSG_SPEED, sizeof(AircraftSpeedInfo), 8, {150, 0, 0xF6, 0xFF});          // 1.5, -0.1 m/s
+        EXPECT_TRUE(messages(BINO_MSG_DISTANCE).empty());
+
+        // When the host turns sensing on: a zero reply, the switch persisted,
+        // records and distance reports.
+        module.send(HOST_MSG_SENSOR_SWITCH, 1, 0, {0});
+        ASSERT_EQ(messages(BINO_MSG_SWITCH_REPLY).size(), 1u);
+        EXPECT_EQ(messages(BINO_MSG_SWITCH_REPLY)[0].bytes, std::vector<uint8_t>({0, 0}));
+        std::stringstream persisted;
+        persisted << std::ifstream(rooted("/run/visionSwitch.ini")).rdbuf();
+        EXPECT_EQ(persisted.str(), "[common]\nvisionswitch = 1");
+        ASSERT_TRUE(waitFor([] { return recordLines().size() >= 20; }, 60.0));
+
+        // Then off: reports and record lines stop; on again a second later: a new record file.
+        module.send(HOST_MSG_SENSOR_SWITCH, 1, 0, {1});
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        const size_t linesWhenOff = recordLines().size();
+        const size_t reportsWhenOff = messages(BINO_MSG_DISTANCE).size();
+        std::this_thread::sleep_for(std::chrono::milliseconds(1200));
+        EXPECT_EQ(recordLines().size(), linesWhenOff);
+        EXPECT_EQ(messages(BINO_MSG_DISTANCE).size(), reportsWhenOff);
+        module.send(HOST_MSG_SENSOR_SWITCH, 1, 0, {0});
+        ASSERT_TRUE(waitFor([&] { return recordLines().size() >= linesWhenOff + 10; }, 60.0));
+        module.send(HOST_MSG_SENSOR_SWITCH, 1, 0, {1});
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        EXPECT_EQ(recordFiles().size(), 2u);
+
+        // One report per processed frame; centimetres truncated from the
+        // final distance column; the down half reads 60 m; bytes of no meaning are 0.
+        const std::vector<std::vector<std::string>> lines = recordLines();
+        const std::vector<Message> reports = messages(BINO_MSG_DISTANCE);
+        EXPECT_EQ(reports.size(), lines.size());
+        std::set<uint16_t> truncatedCm;
+        for (const std::vector<std::string>& columns : lines) {
+            ASSERT_EQ(columns.size(), 23u);
+            EXPECT_EQ(columns[0], "3.000000");   // pitch
+            EXPECT_EQ(columns[1], "1.500000");   // headSpeed
+            EXPECT_EQ(columns[2], "-0.100000");  // rightSpeed
+            EXPECT_EQ(columns[4], "12.340000");  // height
+            EXPECT_EQ(columns[5], "0");          // armOrDisarm
+            EXPECT_EQ(columns[18] + columns[19] + columns[20], "0.0000000.0000000.000000");  // no target region
+            truncatedCm.insert(static_cast<uint16_t>(std::stod(columns[14]) * 100.0));
+        }
+        for (const Message& report : reports) {
+            EXPECT_EQ(truncatedCm.count(u16At(report, 2)), 1u) << u16At(report, 2);
+            EXPECT_EQ(u16At(report, 167), 6000);
+            std::vector<uint8_t> meaningless = report.bytes;
+            std::fill_n(meaningless.begin() + 2, 2, 0);
+            std::fill_n(meaningless.begin() + 167, 2, 0);
+            EXPECT_EQ(std::count(meaningless.begin(), meaningless.end(), 0), 170);
+        }
+        EXPECT_LT(std::abs(median(distances(2)) - 5.0), 0.15);
+    });
+    for (const char* line : {"[BINOLIB] version: 2.5.3; Date: ", "[BINOLIB] receive req: full visual version.",
+                             "[BINOLIB] msg type 7 not implement.", "[BINOLIB] receive req: avoid sensor. sensor_switch: 1",
+                             "[BINOLIB] frontHardware: 0, frontCalib: 0, lowerHardware: 0, lowerCalib: 0"}) {
+        EXPECT_NE(log.find(line), std::string::npos) << line;
+    }
+}
+
+// A configuration the module cannot run is refused at start with the reason,
+// before any pipeline or thread of the refused pair exists.
+TEST(ModuleHost, BadConfigurationIsRefusedAtStart)
+{
+    inChild([] {
+        Module module;
+        const auto threads = [] {
+            return std::distance(fs::directory_iterator("/proc/self/task"), fs::directory_iterator());
+        };
+        const auto refusal = [&module]() -> std::string {
+            try {
+                module.init(onMessage, 42);
+            } catch (const std::invalid_argument& error) {
+                return error.what();
+            }
+            return "accepted";
+        };
+        const auto before = threads();
+        EXPECT_EQ(refusal(), "stoi") << "no binocular.ini";
+        Pair narrow{1, 300, 480};
+        writeConfig(true, true, true, narrow, Pair{});
+        EXPECT_NE(refusal().find("[front] width = 300"), std::string::npos);
+        Pair huge{0, 1000, 1000};
+        writeConfig(true, true, true, huge, Pair{});
+        EXPECT_NE(refusal().find("[front] width = 1000"), std::string::npos);
+        EXPECT_EQ(threads(), before);
+        EXPECT_EQ(shmget(kFrontKey, 0, 0), -1) << "no queue attached";
+
+        // Both pairs on the unit at two sizes: the down pair is refused.
+        writeConfig(true, true, true, Pair{0, 640, 480}, Pair{0, 320, 240});
+        EXPECT_NE(refusal().find("[down] width = 320"), std::string::npos);
+    });
+}
+
+// A pair with the avoid processor never reports; a disabled pair neither, and
+// its status bytes stay 0.
+TEST(ModuleHost, AvoidProcessorAndDisabledPairNeverReport)
+{
+    inChild([] {
+        writeConfig(true, true, false, Pair{1, 640, 480, 1}, Pair{});
+        ASSERT_EQ(Camsim::run(std::string(kFrontRig) + " --calib-only"), 0);
+        Module module;
+        ASSERT_EQ(module.init(onMessage, 42), 0);
+        Camsim wall(std::string(kFrontRig) + " --fps 30 --no-calib --distance 5");
+        ASSERT_TRUE(waitFor([] { return messages(BINO_MSG_STATUS).size() >= 3; }));
+        EXPECT_TRUE(messages(BINO_MSG_DISTANCE).empty());
+        const Message status = messages(BINO_MSG_STATUS).back();
+        EXPECT_EQ(status.bytes[0], 0) << "frames arriving";
+        EXPECT_EQ(status.bytes[1], 0) << "calibration present";
+        EXPECT_EQ(status.bytes[10] + status.bytes[11], 0);
+    });
+}
 
 }  // namespace
