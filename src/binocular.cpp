@@ -106,10 +106,7 @@ Record* newRecord()
 
 // Truncated toward zero; NaN and values beyond 64 bits read 0, so no
 // conversion is undefined whatever a distance turns out to be.
-int64_t truncated(double value)
-{
-    return value > -9.2e18 && value < 9.2e18 ? static_cast<int64_t>(value) : 0;
-}
+int64_t truncated(double value) { return value > -9.2e18 && value < 9.2e18 ? static_cast<int64_t>(value) : 0; }
 
 // Metres to the record's centimetres: x 100, truncated, low 16 bits, so a
 // distance of 655.36 m or more wraps as the field does.

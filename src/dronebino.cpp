@@ -22,9 +22,9 @@ constexpr float kNoObstacleM = 60.0f;
 // on it claims its size, and a pipeline of another size is refused at start
 // instead of getting invalid maps on every frame.
 struct UnitClaim {
-    cv::Size size;          ///< camera image size (before rotation), px
-    std::string claimant;   ///< section of the first pipeline that claimed it
-    int pipelines = 0;      ///< pipelines on the unit now
+    cv::Size size;         ///< camera image size (before rotation), px
+    std::string claimant;  ///< section of the first pipeline that claimed it
+    int pipelines = 0;     ///< pipelines on the unit now
 };
 std::mutex g_unitClaimMutex;
 UnitClaim g_unitClaim;
@@ -122,8 +122,8 @@ void DroneBino::checkSettings()
         throw std::invalid_argument(
             refusal(section, "width", width,
                     "width x height = " + std::to_string(static_cast<long long>(width) * height) +
-                        " exceeds the frame message's image area of " +
-                        std::to_string(framelayout::kImageAreaBytes) + " bytes"));
+                        " exceeds the frame message's image area of " + std::to_string(framelayout::kImageAreaBytes) +
+                        " bytes"));
     }
     if (matcher == StereoMatcher::BM) {
         // The rotated image has `width` rows and `height` columns; block
@@ -141,9 +141,8 @@ void DroneBino::checkSettings()
         if (g_unitClaim.pipelines > 0 && g_unitClaim.size != size) {
             const char* key = g_unitClaim.size.width != width ? "width" : "height";
             throw std::invalid_argument(refusal(section, key, key[0] == 'w' ? width : height,
-                                                "both pairs on the stereo unit need one size; " +
-                                                    g_unitClaim.claimant + " uses " +
-                                                    std::to_string(g_unitClaim.size.width) + "x" +
+                                                "both pairs on the stereo unit need one size; " + g_unitClaim.claimant +
+                                                    " uses " + std::to_string(g_unitClaim.size.width) + "x" +
                                                     std::to_string(g_unitClaim.size.height)));
         }
         if (g_unitClaim.pipelines++ == 0) {
@@ -286,20 +285,11 @@ float DroneBino::getDistance()
     }
 }
 
-std::array<float, 3> DroneBino::getTargetRegion() const
-{
-    return targetRegion;
-}
+std::array<float, 3> DroneBino::getTargetRegion() const { return targetRegion; }
 
-std::pair<int, int> DroneBino::getBinoStatus()
-{
-    return reader->getBinoStatus();
-}
+std::pair<int, int> DroneBino::getBinoStatus() { return reader->getBinoStatus(); }
 
-void DroneBino::setFlyInfo(const Common::FlyInfo& info)
-{
-    flyInfo.store(info);
-}
+void DroneBino::setFlyInfo(const Common::FlyInfo& info) { flyInfo.store(info); }
 
 void DroneBino::getServerInfo(std::string& address, int& port) const
 {

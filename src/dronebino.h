@@ -22,8 +22,8 @@
 
 #include <opencv2/core.hpp>
 
-#include "brake.h"
 #include "binologger.h"
+#include "brake.h"
 #include "common.h"
 #include "imagereader.h"
 #include "server.h"

@@ -90,7 +90,10 @@ std::vector<Message> messages(uint32_t type)
     return kept;
 }
 
-uint16_t u16At(const Message& m, size_t offset) { return static_cast<uint16_t>(m.bytes[offset] | m.bytes[offset + 1] << 8); }
+uint16_t u16At(const Message& m, size_t offset)
+{
+    return static_cast<uint16_t>(m.bytes[offset] | m.bytes[offset + 1] << 8);
+}
 
 // Front (offset 2) or down (offset 167) distance of the distance reports
 // that arrived after the first `skip` ones, in metres.
@@ -304,7 +307,9 @@ TEST_P(ModuleAccuracy, ReportedDistancesFollowTheScene)
 }
 
 INSTANTIATE_TEST_SUITE_P(FrontMatcher, ModuleAccuracy, ::testing::Values(0, 1),
-                         [](const ::testing::TestParamInfo<int>& param) { return param.param == 0 ? "Unit" : "BlockMatching"; });
+                         [](const ::testing::TestParamInfo<int>& param) {
+                             return param.param == 0 ? "Unit" : "BlockMatching";
+                         });
 
 // Sensing off at start with the down pair disabled: status only, no record
 // and no distance until the host turns sensing on; every outgoing record is
@@ -335,7 +340,7 @@ TEST(ModuleHost, MessagesSwitchAndRecordsAreExact)
         module.send(HOST_MSG_IGNORED, 3);
         module.send(HOST_MSG_BASIC_STATE, sizeof(AircraftBasicState), 71, {0xD2, 0x04, 0, 0});  // 12.34 m, not armed
         module.send(HOST_MSG_ATTITUDE, sizeof(AircraftAttitudeInfo), 32, {0x2C, 0x01});         // 3.00 degrees
-        module.send(HOST_MSG_SPEED, sizeof(AircraftSpeedInfo), 8, {150, 0, 0xF6, 0xFF});          // 1.5, -0.1 m/s
+        module.send(HOST_MSG_SPEED, sizeof(AircraftSpeedInfo), 8, {150, 0, 0xF6, 0xFF});        // 1.5, -0.1 m/s
         EXPECT_TRUE(messages(BINO_MSG_DISTANCE).empty());
 
         // When the host turns sensing on: a zero reply, the switch persisted,
@@ -370,11 +375,11 @@ TEST(ModuleHost, MessagesSwitchAndRecordsAreExact)
         std::set<uint16_t> truncatedCm;
         for (const std::vector<std::string>& columns : lines) {
             ASSERT_EQ(columns.size(), 23u);
-            EXPECT_EQ(columns[0], "3.000000");   // pitch
-            EXPECT_EQ(columns[1], "1.500000");   // headSpeed
-            EXPECT_EQ(columns[2], "-0.100000");  // rightSpeed
-            EXPECT_EQ(columns[4], "12.340000");  // height
-            EXPECT_EQ(columns[5], "0");          // armOrDisarm
+            EXPECT_EQ(columns[0], "3.000000");                                               // pitch
+            EXPECT_EQ(columns[1], "1.500000");                                               // headSpeed
+            EXPECT_EQ(columns[2], "-0.100000");                                              // rightSpeed
+            EXPECT_EQ(columns[4], "12.340000");                                              // height
+            EXPECT_EQ(columns[5], "0");                                                      // armOrDisarm
             EXPECT_EQ(columns[18] + columns[19] + columns[20], "0.0000000.0000000.000000");  // no target region
             truncatedCm.insert(static_cast<uint16_t>(std::stod(columns[14]) * 100.0));
         }
@@ -388,9 +393,10 @@ TEST(ModuleHost, MessagesSwitchAndRecordsAreExact)
         }
         EXPECT_LT(std::abs(median(distances(2)) - 5.0), 0.15);
     });
-    for (const char* line : {"[BINOLIB] version: 2.5.3; Date: ", "[BINOLIB] receive req: full visual version.",
-                             "[BINOLIB] msg type 7 not implement.", "[BINOLIB] receive req: avoid sensor. sensor_switch: 1",
-                             "[BINOLIB] frontHardware: 0, frontCalib: 0, lowerHardware: 0, lowerCalib: 0"}) {
+    for (const char* line :
+         {"[BINOLIB] version: 2.5.3; Date: ", "[BINOLIB] receive req: full visual version.",
+          "[BINOLIB] msg type 7 not implement.", "[BINOLIB] receive req: avoid sensor. sensor_switch: 1",
+          "[BINOLIB] frontHardware: 0, frontCalib: 0, lowerHardware: 0, lowerCalib: 0"}) {
         EXPECT_NE(log.find(line), std::string::npos) << line;
     }
 }
