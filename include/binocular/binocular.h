@@ -1,5 +1,5 @@
-#ifndef BINOCULAR_H
-#define BINOCULAR_H
+#ifndef BINOCULAR_BINOCULAR_H
+#define BINOCULAR_BINOCULAR_H
 /*
  * libbinocular: stereo obstacle sensing for the flight host process.
  *
@@ -12,10 +12,11 @@
  *   - incoming: the host allocates each message with new[] (at least the
  *     record size of its type) and hands it over; the module frees it with
  *     delete[] before binocular_getInfoFromVM returns, whatever the type.
- *   - outgoing: the module allocates each message with plain new of exactly
- *     its record size; from the callback on, the host owns it and frees it
- *     with plain delete (of an unsigned char). The callback gets no length:
- *     the type tells the size.
+ *   - outgoing: the module allocates each message with plain new of its
+ *     record (exactly the record's size); from the callback on, the host owns
+ *     it and frees it with plain delete as that record, e.g.
+ *     delete static_cast<BinoDistanceReport*>(message). The callback gets no
+ *     length: the type tells the record.
  *
  * Every record is packed, little-endian, at the byte offsets asserted below.
  * Bytes the module gives no meaning are zero in outgoing records.
@@ -173,4 +174,4 @@ BINOCULAR_API int64_t binocular_getInfoFromVM(uint8_t* buffer, uint32_t type);
 }
 #endif
 
-#endif /* BINOCULAR_H */
+#endif /* BINOCULAR_BINOCULAR_H */
