@@ -259,10 +259,9 @@ std::string inChild(const std::function<void()>& scenario, int timeoutSeconds = 
     const testsupport::ChildResult child = testsupport::runInChild(
         [&] {
             {
+                testsupport::SysvGuard childGuard{kFrontKey, kDownKey};
                 testsupport::ScratchRoot root;
                 scenario();
-                testsupport::SysvGuard::removeAll(kFrontKey);
-                testsupport::SysvGuard::removeAll(kDownKey);
             }
             std::fflush(nullptr);
             _exit(::testing::Test::HasFailure() ? 1 : 0);
