@@ -141,6 +141,7 @@ private:
 
 void reportFront()
 {
+    Common::nameThisThread("bino-rep-front");
     RateLine rate("[BINOLIB] frontDistance: %.2f, front FPS: %d");
     for (;;) {
         while (enableFront) {
@@ -175,6 +176,7 @@ void reportFront()
 
 void reportDown()
 {
+    Common::nameThisThread("bino-rep-down");
     RateLine rate("[BINOLIB] downDistance: %.2f, down FPS: %d");
     for (;;) {
         while (enableDown) {
@@ -200,6 +202,7 @@ void reportDown()
 
 void reportStatus()
 {
+    Common::nameThisThread("bino-status");
     uint8_t status[4] = {0, 0, 0, 0};  // front hardware, front calibration, down hardware, down calibration
     for (;;) {
         if (DroneBino* front = frontBino.load(std::memory_order_relaxed); enableFront && front != nullptr) {

@@ -1,5 +1,7 @@
 #include "common.h"
 
+#include <pthread.h>
+
 namespace Common {
 
 std::string binoString(Direction direction)
@@ -14,5 +16,7 @@ std::string binoString(Direction direction)
 }
 
 std::string logPrefix(Direction direction) { return "[BINOLIB] [" + binoString(direction) + "]"; }
+
+void nameThisThread(const std::string& name) { pthread_setname_np(pthread_self(), name.substr(0, 15).c_str()); }
 
 }  // namespace Common

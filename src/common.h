@@ -22,6 +22,10 @@ std::string binoString(Direction direction);
 /// line of a camera object ("[BINOLIB] [front]").
 std::string logPrefix(Direction direction);
 
+/// Names the calling thread for top, perf and gdb ("bino-work-front"); Linux
+/// keeps the first 15 characters.
+void nameThisThread(const std::string& name);
+
 /// Flight state as the pipelines see it. Angles and speeds are the host's
 /// hundredths already scaled by 0.01.
 struct FlyInfo {

@@ -211,6 +211,7 @@ bool DroneBino::waitWhileSensingOff()
 
 void DroneBino::brakeRun()
 {
+    Common::nameThisThread("bino-work-" + Common::binoString(direction));
     std::string address;
     int port = 0;
     getServerInfo(address, port);

@@ -189,6 +189,7 @@ void ImageReader::startThread(void (ImageReader::*body)())
 
 void ImageReader::shmRun()
 {
+    Common::nameThisThread("bino-poll-" + Common::binoString(direction));
     failLimit = 100;
     failCount = 0;
     do {

@@ -322,6 +322,17 @@ TEST(ModuleHost, MessagesSwitchAndRecordsAreExact)
         ASSERT_EQ(module.init(onMessage, 42), 0);
         Camsim wall(std::string(kFrontRig) + " --fps 30 --no-calib --distance 5");
 
+        // The module's threads carry names an engineer finds in top -H.
+        std::set<std::string> names;
+        for (const auto& task : fs::directory_iterator("/proc/self/task")) {
+            std::string name;
+            std::getline(std::ifstream(task.path() / "comm"), name);
+            names.insert(name);
+        }
+        for (const char* name : {"bino-poll-front", "bino-work-front", "bino-rep-front", "bino-status"}) {
+            EXPECT_EQ(names.count(name), 1u) << name;
+        }
+
         // Given sensing off: status once a second, nothing else.
         ASSERT_TRUE(waitFor([] { return messages(BINO_MSG_STATUS).size() >= 2; }));
         for (const Message& status : messages(BINO_MSG_STATUS)) {
