@@ -72,8 +72,8 @@ void send(Server& server, const Frame& frame)
     }
 }
 
-// The viewer program with `arguments`, its output in viewer.out. Whatever
-// way a test ends, the process is ended and reaped.
+// The viewer program with `arguments`, its output in viewer.out; killed and
+// reaped if the test ends while it still runs.
 class ViewerProcess {
 public:
     explicit ViewerProcess(const std::string& arguments) : m_pid(fork())
@@ -87,11 +87,8 @@ public:
     ~ViewerProcess()
     {
         if (m_code == -1) {
-            kill(m_pid, SIGTERM);
-            if (exitCode() == -1) {
-                kill(m_pid, SIGKILL);
-                waitpid(m_pid, nullptr, 0);
-            }
+            kill(m_pid, SIGKILL);
+            waitpid(m_pid, nullptr, 0);
         }
     }
     /// Waits at most 10 s: the exit status, 128 + signal, or -1 while it runs.
@@ -127,8 +124,8 @@ TEST(Viewer, SnapshotsMatchTheStreamAcrossAModuleRestart)
     const int port = server->listeningPort();
     ViewerProcess viewer("--port " + std::to_string(port) +
                          " --size 40x30 --snapshot snaps --every 1 --frames 6 --no-window");
-    // Frame n goes out once a viewer is connected; the next waits for its
-    // snapshot, so no frame is in flight when the module restarts.
+    // Each frame waits for the previous one's snapshot, so none is in flight
+    // when the module restarts.
     for (int n = 1; n <= 6; ++n) {
         if (n == 3) {
             server.reset();
