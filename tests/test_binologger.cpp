@@ -3,11 +3,8 @@
 
 #include <gtest/gtest.h>
 
-#include <poll.h>
 #include <signal.h>
 #include <sys/resource.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -63,45 +60,66 @@ std::string front(const std::string& name) { return paths::resolve(paths::kFront
 
 }  // namespace
 
-// Given a direction, a counter file (nullptr: absent) and a start time, the
-// record file has the listed name and holds the header and every line as
-// soon as it is written; only a missing counter is logged.
-TEST(BinoLoggerRecord, NameHeaderAndFlushedLines)
+// Given a direction, a counter file (nullptr: absent), a start time and the
+// image settings, a run of `calls` frames has files named as listed, whose
+// record file holds the header and each line as soon as it is written, and
+// which records exactly the listed frames (W x H bytes each) beside an empty
+// disparity file. The settings are logged, and so is a missing counter.
+TEST(BinoLoggerRun, NamesLinesAndRecordedFrames)
 {
     struct Case {
         Common::Direction direction;
         const char* counter;
         std::time_t start;
-        const char* name;
+        int saveImage, saveInterval, calls;
+        std::vector<int> recorded;
+        const char* stem;  // below /data/log/
     } cases[] = {
-        {Common::DOWN, "7", at(23, 59, 59), "downBino/downBino_7_23_59_59_7.log"},
-        {Common::FRONT, nullptr, at(9, 5, 7), "frontBino/frontBino_-1_9_5_7_-1.log"},
-        {Common::FRONT, "text 5", at(0, 0, 0), "frontBino/frontBino_0_0_0_0_0.log"},
-        {Common::FRONT, "", at(12, 0, 1), "frontBino/frontBino_0_12_0_1_0.log"},
-        {Common::DOWN, " \n -12 9", at(1, 2, 3), "downBino/downBino_-12_1_2_3_-12.log"},
+        {Common::DOWN, "7", at(23, 59, 59), 1, 3, 10, {3, 6, 9}, "downBino/downBino_7_23_59_59_7"},
+        {Common::FRONT, nullptr, at(9, 5, 7), 7, 0, 3, {1, 2, 3}, "frontBino/frontBino_-1_9_5_7_-1"},
+        {Common::FRONT, "text 5", at(0, 0, 0), 1, -2, 2, {1, 2}, "frontBino/frontBino_0_0_0_0_0"},
+        {Common::DOWN, "", at(12, 0, 1), 0, 1, 3, {}, "downBino/downBino_0_12_0_1_0"},
+        {Common::DOWN, " \n -12 9", at(1, 2, 3), 0, 5, 0, {}, "downBino/downBino_-12_1_2_3_-12"},
     };
     for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
+        SCOPED_TRACE(c.stem);
         testsupport::ScratchRoot scratch;
         if (c.counter) {
             putCounter(c.counter);
         }
-        BinoLogger logger(c.direction, 0, 5, kSize, [&c] { return c.start; });
         testsupport::LogCapture capture;
+        BinoLogger logger(c.direction, c.saveImage, c.saveInterval, kSize, [&c] { return c.start; });
         logger.open("h1\th2\t\n");
         logger.writeLog({"a", "b", "c"});
         logger.writeLog({});
-        EXPECT_EQ(slurp(paths::resolve("/data/log/") + c.name), "h1\th2\t\na\tb\tc\t\n\n");
+        const std::string run = paths::resolve("/data/log/") + c.stem;
+        EXPECT_EQ(slurp(run + ".log"), "h1\th2\t\na\tb\tc\t\n\n");
+        for (int frame = 1; frame <= c.calls; ++frame) {
+            logger.writeImage(image(frame), image(100 + frame), image(0), {});
+        }
         logger.close();
-        ASSERT_EQ(capture.records().size(), c.counter ? 0u : 1u);
-        EXPECT_TRUE(c.counter || capture.records()[0].message == "[BINOLIB] [front] open zlog cnt file failed.");
+        EXPECT_EQ(fs::exists(run), c.saveImage != 0);
+        EXPECT_EQ(fs::exists(run + "/gray_4x3_disparity.yuv") && fs::is_empty(run + "/gray_4x3_disparity.yuv"),
+                  c.saveImage != 0);
+        EXPECT_EQ(slurp(run + "/gray_4x3_left.yuv"), frames(c.recorded));
+        EXPECT_EQ(slurp(run + "/gray_4x3_right.yuv"), frames(c.recorded, 100));
+        EXPECT_EQ(logger.imageCounter, c.saveImage ? c.calls % std::max(c.saveInterval, 1) : 0);
+        const std::string prefix = c.direction == Common::FRONT ? "[BINOLIB] [front]" : "[BINOLIB] [down]";
+        std::string expected = "40 " + prefix + " BinoLogger saveImage: " + std::to_string(c.saveImage) +
+                               ", saveInterval: " + std::to_string(c.saveInterval) + "\n";
+        expected += c.counter ? "" : "100 " + prefix + " open zlog cnt file failed.\n";
+        std::string logged;
+        for (const binolog::Record& record : capture.records()) {
+            logged += std::to_string(record.level) + " " + record.message + "\n";
+        }
+        EXPECT_EQ(logged, expected);
     }
 }
 
 // Within one second a new run continues the same files (header again); a
 // second later it starts new ones. The image cadence ignores run boundaries.
 // Closing a logger never opened, or writing to it, says and makes nothing.
-TEST(BinoLoggerRecord, RunsInTheSameSecondShareTheirFiles)
+TEST(BinoLoggerRun, RunsInTheSameSecondShareTheirFiles)
 {
     testsupport::ScratchRoot scratch;
     putCounter("1");
@@ -124,38 +142,6 @@ TEST(BinoLoggerRecord, RunsInTheSameSecondShareTheirFiles)
     EXPECT_EQ(slurp(front("frontBino_1_10_0_0_1/gray_4x3_left.yuv")), frames({3, 6}));
     EXPECT_EQ(slurp(front("frontBino_1_10_0_1_1/gray_4x3_left.yuv")), frames({9, 12}));
     EXPECT_TRUE(capture.records().empty());
-}
-
-// Given saveImage and saveInterval, exactly the listed frames are recorded
-// (W x H bytes each) beside an empty disparity file; nothing without saveImage.
-TEST(BinoLoggerImages, IntervalPicksTheFrames)
-{
-    struct Case {
-        int saveImage, saveInterval, calls;
-        std::vector<int> recorded;
-    } cases[] = {{1, 3, 10, {3, 6, 9}}, {7, 0, 3, {1, 2, 3}}, {1, -2, 2, {1, 2}}, {0, 1, 3, {}}};
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.saveInterval);
-        testsupport::ScratchRoot scratch;
-        putCounter("4");
-        testsupport::LogCapture capture;
-        BinoLogger logger(Common::FRONT, c.saveImage, c.saveInterval, kSize, [] { return at(8, 0, 0); });
-        logger.open("H\n");
-        for (int frame = 1; frame <= c.calls; ++frame) {
-            logger.writeImage(image(frame), image(100 + frame), image(0), {});
-        }
-        logger.close();
-        ASSERT_EQ(capture.records().size(), 1u);
-        EXPECT_EQ(capture.records()[0].message,
-                  "[BINOLIB] [front] BinoLogger saveImage: " + std::to_string(c.saveImage) +
-                      ", saveInterval: " + std::to_string(c.saveInterval));
-        const std::string run = front("frontBino_4_8_0_0_4/gray_4x3");
-        EXPECT_EQ(fs::exists(front("frontBino_4_8_0_0_4")), c.saveImage != 0);
-        EXPECT_EQ(fs::exists(run + "_disparity.yuv") && fs::file_size(run + "_disparity.yuv") == 0, c.saveImage != 0);
-        EXPECT_EQ(slurp(run + "_left.yuv"), frames(c.recorded));
-        EXPECT_EQ(slurp(run + "_right.yuv"), frames(c.recorded, 100));
-        EXPECT_EQ(logger.imageCounter, c.saveImage ? c.calls % std::max(c.saveInterval, 1) : 0);
-    }
 }
 
 // Given something in the way of a directory or the record file, two opens
@@ -197,43 +183,26 @@ TEST(BinoLoggerImages, BlockedDirectoriesAndFiles)
     }
 }
 
-// Every line that writeLog had returned from before a SIGKILL is in the file:
-// the child marks each call on a pipe before making it and is killed once 50
-// calls have returned.
+// A writer killed with SIGKILL in the middle of a run, right after writeLog
+// returned for the 50th time, has all 50 lines in the file.
 TEST(BinoLoggerDurability, KilledWriterLosesNoCompleteLine)
 {
     testsupport::ScratchRoot scratch;
     putCounter("2");
-    int progress[2];
-    ASSERT_EQ(pipe(progress), 0);
-    const pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
+    const auto child = testsupport::runInChild([] {
         BinoLogger logger(Common::FRONT, 0, 1, kSize, [] { return at(11, 0, 0); });
         logger.open("H\n");
-        for (int line = 0; line < 100000 && write(progress[1], "+", 1) == 1; ++line) {
+        for (int line = 0; line < 50; ++line) {
             logger.writeLog({std::to_string(line)});
         }
-        _exit(0);
-    }
-    close(progress[1]);
-    size_t marks = 0;
-    pollfd ready{progress[0], POLLIN, 0};
-    for (char mark; marks < 51 && poll(&ready, 1, 20000) == 1 && read(progress[0], &mark, 1) == 1;) {
-        ++marks;
-    }
-    kill(child, SIGKILL);
-    close(progress[0]);
-    int status = 0;
-    waitpid(child, &status, 0);
-    ASSERT_TRUE(WIFSIGNALED(status));
-    ASSERT_EQ(marks, 51u);
-    const std::string written = slurp(front("frontBino_2_11_0_0_2.log"));
+        raise(SIGKILL);
+    });
+    EXPECT_FALSE(child.exited);
     std::string expected = "H\n";
-    for (int line = 0; line < 50 || expected.size() < written.size(); ++line) {
+    for (int line = 0; line < 50; ++line) {
         expected += std::to_string(line) + "\t\n";
     }
-    EXPECT_EQ(written, expected);
+    EXPECT_EQ(slurp(front("frontBino_2_11_0_0_2.log")), expected);
 }
 
 // Files that hit the size limit: each stream says so once per run, the
@@ -267,6 +236,7 @@ TEST(BinoLoggerDurability, FullFileIsReportedOncePerStreamAndRun)
         std::sort(errors.begin(), errors.end());
         std::printf("errors: %s\n", std::accumulate(errors.begin(), errors.end(), std::string()).c_str());
     });
+    ASSERT_TRUE(child.exited && child.exitCode == 0) << child.output;
     std::string expected = "errors: ";  // in sorted order
     for (const char* stem : {"frontBino_3_12_0_0_3", "frontBino_3_12_0_1_3"}) {
         for (const char* file : {".log", "/gray_40x30_left.yuv", "/gray_40x30_right.yuv"}) {
