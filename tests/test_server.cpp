@@ -1,7 +1,6 @@
 // The debug stream server against viewers made of plain loopback sockets, on
-// ports the system picks: the bytes on the wire, one viewer at a time,
-// viewers that vanish or stall, bind failures. The socket owner is exercised
-// throughout: a viewer's close is only seen if reset() closes.
+// ports the system picks. A viewer's close is only seen if SocketFd::reset()
+// closes, so the socket owner is exercised throughout.
 
 #include <gtest/gtest.h>
 #include <netinet/in.h>
@@ -75,15 +74,18 @@ protected:
     size_t disconnections() const { return log.count("[BINOLIB] client disconnected."); }
 };
 
-// Given no viewer, write sends nothing and changes nothing; given a viewer and
-// a 640 x 480 frame, it reads a type-0 packet of 12 + 614400 + 4 bytes, then a
-// type-3 packet of 12 + 921600 + 4 bytes, byte for byte, the distance in front.
-TEST_F(ServerTest, AFrameIsAPairPacketThenADisparityPacket)
+// Without a viewer write sends nothing and changes nothing. A 640 x 480 frame
+// reaches the viewer as a type-0 packet of 12 + 614400 + 4 bytes, then a
+// type-3 packet of 12 + 921600 + 4 bytes, byte for byte, while a second
+// viewer waits in the backlog; the first's close is logged once and the
+// second is then served.
+TEST_F(ServerTest, OneViewerAtATimeGetsEachFrameAsTwoPackets)
 {
     write(pattern(100, 3), STEREO_PAIR);
     EXPECT_EQ(Bytes(std::begin(server.packetHead), std::end(server.packetHead)), Bytes(16, 0));
 
-    SocketFd viewer = connected();
+    SocketFd first = connected();
+    SocketFd second = connectViewer(server.listeningPort());
     const Bytes pair = pattern(2 * 640 * 480, 1);
     Bytes disparity = pattern(3 * 640 * 480, 2);
     const float distance = 7.25f;
@@ -92,31 +94,19 @@ TEST_F(ServerTest, AFrameIsAPairPacketThenADisparityPacket)
         write(pair, STEREO_PAIR);
         write(disparity, DISPARITY_COLOR);
     });
-    const Bytes first = readBytes(viewer, 12 + 614400 + 4);
-    const Bytes second = readBytes(viewer, 12 + 921600 + 4);
+    EXPECT_TRUE(readBytes(first, 12 + 614400 + 4) == streamPacket(0, pair));
+    const Bytes packet = readBytes(first, 12 + 921600 + 4);
     worker.join();
-    EXPECT_TRUE(first == streamPacket(0, pair));
-    EXPECT_TRUE(second == streamPacket(3, disparity));
-    EXPECT_EQ(Bytes(second.begin() + 12, second.begin() + 16), (Bytes{0x00, 0x00, 0xE8, 0x40}));  // 7.25f
-}
-
-// A second viewer waits in the backlog and gets nothing until the first
-// closes; the close is logged once and the second is then served.
-TEST_F(ServerTest, OneViewerAtATimeAndEachCloseLoggedOnce)
-{
-    SocketFd first = connected();
-    SocketFd second = connectViewer(server.listeningPort());
-    const Bytes payload = pattern(64, 5);
-    write(payload, STEREO_PAIR);
-    EXPECT_TRUE(readBytes(first, 80) == streamPacket(0, payload));
+    EXPECT_TRUE(packet == streamPacket(3, disparity));
+    EXPECT_EQ(Bytes(packet.begin() + 12, packet.begin() + 16), (Bytes{0x00, 0x00, 0xE8, 0x40}));  // 7.25f
     char byte = 0;
     EXPECT_EQ(recv(second.get(), &byte, 1, MSG_DONTWAIT), -1);
 
     first.reset();
     ASSERT_TRUE(waitUntil([&] { return disconnections() == 1; }));
     ASSERT_TRUE(waitUntil([&] { return server.isConnected.load(); }));
-    write(payload, STEREO_PAIR);
-    EXPECT_TRUE(readBytes(second, 80) == streamPacket(0, payload));
+    write(pattern(64, 5), STEREO_PAIR);
+    EXPECT_TRUE(readBytes(second, 80) == streamPacket(0, pattern(64, 5)));
     EXPECT_EQ(disconnections(), 1u);
 }
 
@@ -127,14 +117,13 @@ TEST_F(ServerTest, AStalledThenVanishedViewerNeverStopsTheServer)
 {
     constexpr int kWrites = 40;
     SocketFd stalled = connected();
-    const Bytes big = pattern(1 << 20, 6);
     std::atomic<int> writesDone{0};
     std::thread worker([&] {
-        for (int i = 0; i < kWrites; ++i, ++writesDone) {
+        for (const Bytes big = pattern(1 << 20, 6); writesDone < kWrites; ++writesDone) {
             write(big, STEREO_PAIR);
         }
     });
-    EXPECT_EQ(readBytes(stalled, 12 + 1000).size(), 1012u);
+    EXPECT_EQ(readBytes(stalled, 1012).size(), 1012u);
     EXPECT_LT(writesDone.load(), kWrites);
     stalled.reset();  // unread data: the viewer's side resets the connection
     EXPECT_TRUE(waitUntil([&] { return writesDone.load() == kWrites; }));
@@ -150,18 +139,17 @@ TEST_F(ServerTest, AStalledThenVanishedViewerNeverStopsTheServer)
 // server still starts and stops.
 TEST_F(ServerTest, BindFailuresAreLoggedAndTheServerGoesOn)
 {
-    const int taken = server.listeningPort();
-    const std::pair<const char*, int> cases[] = {{"127.0.0.1", taken}, {"256.1.2.3", 0}, {"127.0.0.1", 70000}};
+    const std::pair<const char*, int> cases[] = {
+        {"127.0.0.1", server.listeningPort()}, {"256.1.2.3", 0}, {"127.0.0.1", 70000}};
     for (const auto& [address, port] : cases) {
-        const std::string expected =
-            "[BINOLIB] server bind " + std::string(address) + ":" + std::to_string(port) + " failed.";
-        SCOPED_TRACE(expected);
+        SCOPED_TRACE(address);
         log.clear();
         Server failed(address, port);
         EXPECT_TRUE(failed.socketReady);
         const std::vector<binolog::Record> records = log.records();
         ASSERT_FALSE(records.empty());
-        EXPECT_EQ(records[0].message, expected);
+        EXPECT_EQ(records[0].message,
+                  "[BINOLIB] server bind " + std::string(address) + ":" + std::to_string(port) + " failed.");
         EXPECT_EQ(records[0].level, binolog::ERROR);
         EXPECT_EQ(log.count("server bind"), 1u);
     }

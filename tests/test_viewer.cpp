@@ -46,11 +46,7 @@ struct Frame {
 Frame frameOf(int k, cv::Size size = cv::Size(40, 30))
 {
     cv::Mat ramp(size, CV_8UC1);
-    for (int y = 0; y < size.height; ++y) {
-        for (int x = 0; x < size.width; ++x) {
-            ramp.at<uchar>(y, x) = static_cast<uchar>(x * 3 + y * 5 + k);
-        }
-    }
+    ramp.forEach<uchar>([k](uchar& pixel, const int* yx) { pixel = static_cast<uchar>(yx[1] * 3 + yx[0] * 5 + k); });
     Frame frame{ramp, 255 - ramp, cv::Mat(), {}};
     cv::cvtColor(ramp / 2, frame.disparity, cv::COLOR_GRAY2BGR);
     frame.disparity(cv::Rect(5, 25, 6, 4)).setTo(cv::Scalar(255, 0, 0));  // below the distance text
@@ -72,8 +68,8 @@ void send(Server& server, const Frame& frame)
     }
 }
 
-// The viewer program with `arguments`, its output in viewer.out. Whatever
-// way a test ends, the process is ended and reaped.
+// The viewer program with `arguments`, its output in viewer.out; killed and
+// reaped if the test ends while it still runs.
 class ViewerProcess {
 public:
     explicit ViewerProcess(const std::string& arguments) : m_pid(fork())
@@ -87,11 +83,8 @@ public:
     ~ViewerProcess()
     {
         if (m_code == -1) {
-            kill(m_pid, SIGTERM);
-            if (exitCode() == -1) {
-                kill(m_pid, SIGKILL);
-                waitpid(m_pid, nullptr, 0);
-            }
+            kill(m_pid, SIGKILL);
+            waitpid(m_pid, nullptr, 0);
         }
     }
     /// Waits at most 10 s: the exit status, 128 + signal, or -1 while it runs.
@@ -110,10 +103,7 @@ private:
     int m_code = -1;
 };
 
-std::string snapshot(int frame, const char* image)
-{
-    return "snaps/frame00000" + std::to_string(frame) + "-" + image + ".png";
-}
+std::string snapshot(int n, const char* image) { return "snaps/frame00000" + std::to_string(n) + "-" + image + ".png"; }
 
 bool same(const cv::Mat& a, const cv::Mat& b)
 {
@@ -127,8 +117,8 @@ TEST(Viewer, SnapshotsMatchTheStreamAcrossAModuleRestart)
     const int port = server->listeningPort();
     ViewerProcess viewer("--port " + std::to_string(port) +
                          " --size 40x30 --snapshot snaps --every 1 --frames 6 --no-window");
-    // Frame n goes out once a viewer is connected; the next waits for its
-    // snapshot, so no frame is in flight when the module restarts.
+    // Each frame waits for the previous one's snapshot, so none is in flight
+    // when the module restarts.
     for (int n = 1; n <= 6; ++n) {
         if (n == 3) {
             server.reset();
@@ -150,12 +140,13 @@ TEST(Viewer, SnapshotsMatchTheStreamAcrossAModuleRestart)
         EXPECT_TRUE(same(cv::imread(snapshot(n, "left"), cv::IMREAD_UNCHANGED), sent.left));
         EXPECT_TRUE(same(cv::imread(snapshot(n, "right"), cv::IMREAD_UNCHANGED), sent.right));
         EXPECT_TRUE(same(cv::imread(snapshot(n, "disparity"), cv::IMREAD_UNCHANGED), sent.disparity));
+        // The picture: left | right | disparity, with the obstacle area white.
         const cv::Mat view = cv::imread(snapshot(n, "view"), cv::IMREAD_UNCHANGED);
         ASSERT_EQ(view.size(), cv::Size(120, 30));
         cv::Mat leftPanel;
         cv::cvtColor(sent.left, leftPanel, cv::COLOR_GRAY2BGR);
         EXPECT_TRUE(same(view(cv::Rect(0, 0, 40, 30)), leftPanel));
-        EXPECT_EQ(view.at<cv::Vec3b>(26, 86), cv::Vec3b(255, 255, 255));  // the area, white
+        EXPECT_EQ(view.at<cv::Vec3b>(26, 86), cv::Vec3b(255, 255, 255));
     }
 }
 
@@ -172,11 +163,11 @@ cv::Mat grabScreen()
     XImage* image = XGetImage(display, DefaultRootWindow(display), 0, 0, static_cast<unsigned>(root.width),
                               static_cast<unsigned>(root.height), AllPlanes, ZPixmap);
     cv::Mat screen;
-    if (image != nullptr && image->bits_per_pixel == 32) {  // B, G, R, unused on a 24-bit TrueColor screen
-        const cv::Mat bgrx(root.height, root.width, CV_8UC4, image->data, static_cast<size_t>(image->bytes_per_line));
-        cv::cvtColor(bgrx, screen, cv::COLOR_BGRA2BGR);
-    }
     if (image != nullptr) {
+        if (image->bits_per_pixel == 32) {  // B, G, R, unused on a 24-bit TrueColor screen
+            cv::cvtColor(cv::Mat(root.height, root.width, CV_8UC4, image->data, image->bytes_per_line), screen,
+                         cv::COLOR_BGRA2BGR);
+        }
         XDestroyImage(image);
     }
     XCloseDisplay(display);
