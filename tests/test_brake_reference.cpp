@@ -163,7 +163,7 @@ TEST(BrakeReference, RandomSequencesAgreeBitForBit)
     cv::RNG rng(0x5eed14);
     int frames = 0;
     int measured = 0;
-    for (int sequence = 0; sequence < 32; ++sequence) {
+    for (int sequence = 0; sequence < 24; ++sequence) {
         const auto direction = sequence % 2 == 0 ? Common::FRONT : Common::DOWN;
         brakeref::Twin twin(direction);
         const int type = rng.uniform(0, 2) == 0 ? CV_16S : CV_32F;
