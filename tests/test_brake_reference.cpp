@@ -2,15 +2,18 @@
 // seeded random maps of both types: the two known frame sizes and arbitrary
 // ones, the rig's Q, the uncalibrated identity and random matrices, every
 // pitch case, flying or not, each camera. Frames run in sequences, so the
-// filters see the same history in both.
+// filters see the same history in both. And the chain's depth (BlockDepth)
+// against cv::reprojectImageTo3D pixel by pixel.
 
 #include <gtest/gtest.h>
 
 #include <cfloat>
 #include <cmath>
+#include <cstring>
 #include <limits>
 #include <vector>
 
+#include "blockdepth.h"
 #include "brake_maps.h"
 #include "brake_reference.h"
 
@@ -65,8 +68,35 @@ void set(cv::Mat& map, int y, int x, double px)
     }
 }
 
+// Disparities over the whole value range, and the special floats no
+// matcher should send.
+cv::Mat noiseMap(cv::RNG& rng, int type, cv::Size size)
+{
+    cv::Mat map(size, type);
+    if (type == CV_16S) {
+        rng.fill(map, cv::RNG::UNIFORM, rng.uniform(0, 2) ? -32768 : -2, rng.uniform(0, 2) ? 32768 : 200);
+        return map;
+    }
+    rng.fill(map, cv::RNG::UNIFORM, -2.0, rng.uniform(0, 2) ? 400.0 : 1e6);
+    const float specials[] = {std::numeric_limits<float>::quiet_NaN(),
+                              std::numeric_limits<float>::infinity(),
+                              -std::numeric_limits<float>::infinity(),
+                              FLT_MAX,
+                              -FLT_MAX,
+                              std::nextafter(FLT_MAX, 0.0f),
+                              -0.0f,
+                              std::numeric_limits<float>::denorm_min(),
+                              1e-30f,
+                              1e30f};
+    for (int i = 0; i < size.area() / 10; ++i) {
+        map.at<float>(rng.uniform(0, size.height), rng.uniform(0, size.width)) =
+            specials[rng.uniform(0, static_cast<int>(std::size(specials)))];
+    }
+    return map;
+}
+
 // A random map of one of six kinds: planes and boxes with holes (sharp or
-// noisy), noise over the whole value range with the special floats, a sparse
+// noisy), noise, a sparse
 // map with solid patches (the mismatch check), blocks of 1,064 to 1,069 points
 // (the qualification threshold), or nothing valid.
 cv::Mat randomScene(cv::RNG& rng, int type, cv::Size size)
@@ -93,21 +123,8 @@ cv::Mat randomScene(cv::RNG& rng, int type, cv::Size size)
                    cv::Rect(cv::Point(), size);
             px = disparity();
         }
-    } else if (kind == 2 && type == CV_16S) {
-        rng.fill(map, cv::RNG::UNIFORM, -32768, 32768);
     } else if (kind == 2) {
-        rng.fill(map, cv::RNG::UNIFORM, -2.0, 400.0);
-        const float specials[] = {std::numeric_limits<float>::quiet_NaN(),
-                                  std::numeric_limits<float>::infinity(),
-                                  -std::numeric_limits<float>::infinity(),
-                                  FLT_MAX,
-                                  -0.0f,
-                                  1e-30f,
-                                  1e30f};
-        for (int i = 0; i < size.area() / 10; ++i) {
-            map.at<float>(rng.uniform(0, size.height), rng.uniform(0, size.width)) =
-                specials[rng.uniform(0, static_cast<int>(std::size(specials)))];
-        }
+        map = noiseMap(rng, type, size);
     } else if (kind == 3) {
         map.setTo(cv::Scalar(-rng.uniform(0, 2)));
         for (int patch = rng.uniform(0, 3); patch > 0; --patch) {
@@ -219,6 +236,50 @@ TEST(BrakeReference, EdgeSizesTypesAndMatricesAreReadInsideTheMap)
             ASSERT_EQ(twin.frame(flight(0.0f), cv::Mat(kTall, type, cv::Scalar::all(20)), rigQ(kTall)), "") << type;
             EXPECT_EQ(twin.fast.dis_ori_z, 60.0f);
             EXPECT_FALSE(twin.fast.faultDetectFlagOfTen);
+            // A readable map after an unreadable one is measured again.
+            ASSERT_EQ(twin.frame(flight(0.0f), planeMap(CV_32F, kTall, rigQ(kTall), 3.0), rigQ(kTall)), "");
+            EXPECT_LT(twin.fast.dis_ori_z, 60.0f);
+        }
+    }
+}
+
+TEST(BlockDepth, DepthIsBitIdenticalToReprojectImageTo3D)
+{
+    // Noise maps (one a view with a stride) under the rig's Q, the identity,
+    // one whose depth depends on the column and row, and random matrices of
+    // every depth; a NaN may come out as any NaN.
+    cv::RNG rng(20240614);
+    for (int round = 0; round < 6; ++round) {
+        const cv::Size size(rng.uniform(1, 90), rng.uniform(1, 90));
+        std::vector<cv::Mat> matrices = {rigQ(size), cv::Mat::eye(4, 4, CV_32S), rigQ(size)};
+        matrices.back().at<double>(2, 0) = 1e-3;
+        matrices.back().at<double>(3, 1) = -2e-5;
+        for (int depth : {CV_64F, CV_32F, CV_32S, CV_16S}) {
+            cv::Mat q(4, 4, CV_64F);
+            rng.fill(q, cv::RNG::UNIFORM, -3.0, 3.0);
+            q.convertTo(matrices.emplace_back(), depth);
+        }
+        const cv::Mat maps[] = {noiseMap(rng, CV_16S, size),
+                                noiseMap(rng, CV_32F, size + cv::Size(7, 3))(cv::Rect(cv::Point(5, 2), size))};
+        for (const cv::Mat& map : maps) {
+            for (const cv::Mat& q : matrices) {
+                cv::Mat points;
+                cv::reprojectImageTo3D(map, points, q, false, -1);
+                BlockDepth depth;
+                ASSERT_TRUE(depth.setFrame(map, q));
+                int mismatches = 0;
+                for (int y = 0; y < size.height; ++y) {
+                    for (int x = 0; x < size.width; ++x) {
+                        const float fast = depth.depthAt(y, x);
+                        const float expected = points.at<cv::Vec3f>(y, x)[2];
+                        mismatches += std::memcmp(&fast, &expected, sizeof fast) == 0 ||
+                                              (std::isnan(fast) && std::isnan(expected))
+                                          ? 0
+                                          : 1;
+                    }
+                }
+                EXPECT_EQ(mismatches, 0) << "type " << map.type() << ", Q depth " << q.depth() << ", " << size;
+            }
         }
     }
 }
