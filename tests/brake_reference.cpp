@@ -214,17 +214,8 @@ std::string Twin::frame(const Common::FlyInfo& info, const cv::Mat& disparity, c
         fast.reset();
         reference.reset();
     }
-    fast.getTargetRegionFromBrake(cv::Vec3f(0, 0, 0));
-    reference.getTargetRegionFromBrake(cv::Vec3f(0, 0, 0));
 
     std::ostringstream out;
-    const std::vector<std::string> fastLine = fast.getLogline();
-    const std::vector<std::string> referenceLine = reference.getLogline();
-    for (size_t i = 0; i < std::max(fastLine.size(), referenceLine.size()); ++i) {
-        if (i >= fastLine.size() || i >= referenceLine.size() || fastLine[i] != referenceLine[i]) {
-            out << "record column " << i + 1 << "; ";
-        }
-    }
     if (fast.getFrountArea() != reference.getFrountArea()) {
         out << "front area (" << fast.frontArea.size() << " vs " << reference.frontArea.size() << " points); ";
     }
@@ -248,10 +239,11 @@ std::string Twin::frame(const Common::FlyInfo& info, const cv::Mat& disparity, c
         {"initCount", &Brake::initCount},        {"faultCount", &Brake::faultCount},
         {"smallDisCount", &Brake::smallDisCount}};
     static const std::pair<const char*, bool Brake::*> flags[] = {
-        {"mismatchFlag", &Brake::mismatchFlag},          {"faultDetectFlagOfTen", &Brake::faultDetectFlagOfTen},
-        {"mismatchHold", &Brake::mismatchHold},          {"mismatchRelease", &Brake::mismatchRelease},
-        {"outlierTracking", &Brake::outlierTracking},    {"missedPredictActive", &Brake::missedPredictActive},
-        {"missedPredictIdle", &Brake::missedPredictIdle}};
+        {"mismatchFlag", &Brake::mismatchFlag},           {"faultDetectFlagOfTen", &Brake::faultDetectFlagOfTen},
+        {"mismatchHold", &Brake::mismatchHold},           {"mismatchRelease", &Brake::mismatchRelease},
+        {"outlierTracking", &Brake::outlierTracking},     {"missedPredictActive", &Brake::missedPredictActive},
+        {"missedPredictIdle", &Brake::missedPredictIdle}, {"meetSpeedFlag", &Brake::meetSpeedFlag},
+        {"smallDistanceFlag", &Brake::smallDistanceFlag}};
     compareBits(out, fast, reference, floats);
     compareBits(out, fast, reference, ints);
     compareBits(out, fast, reference, flags);

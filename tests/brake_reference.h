@@ -22,10 +22,10 @@ public:
     Twin(const Twin&) = delete;
     Twin& operator=(const Twin&) = delete;
 
-    /// One pipeline frame on both (flight state, measurement or reset(), the
-    /// avoidance target, the record, update()). Returns what differs, bit for
-    /// bit: record columns, front area, centre, field of view and every
-    /// filter member; empty when nothing does.
+    /// One pipeline frame on both (flight state, measurement or reset(),
+    /// update()). Returns what differs, bit for bit: every member a record
+    /// column shows, the front area, centre, field of view and filter state;
+    /// empty when nothing does.
     std::string frame(const Common::FlyInfo& info, const cv::Mat& disparity, const cv::Mat& Q);
 
     brakemaps::ManualClock time;

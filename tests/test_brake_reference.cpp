@@ -21,37 +21,35 @@ namespace {
 
 using namespace brakemaps;
 
-// Pitches at and on both sides of every band boundary of both fields of
-// view, and values no flight controller should send.
-const std::vector<float>& pitchCases()
+// A pitch at or next to a band boundary of either field of view, a level,
+// steep or backward-flight one, one no flight controller should send, or any.
+float randomPitch(cv::RNG& rng)
 {
-    static const std::vector<float> values = [] {
-        std::vector<float> v = {0.0f,
-                                -0.0f,
-                                1.0f,
-                                -10.0f,
-                                -10.5f,
-                                26.0f,
-                                60.0f,
-                                -60.0f,
-                                std::numeric_limits<float>::quiet_NaN(),
-                                std::numeric_limits<float>::infinity()};
-        for (float fov : {65.0f, 49.0f}) {
-            for (float boundary : {fov * 0.33333334f, -fov * 0.33333334f, 2 * fov / 16.0f, 2 * fov / 13.6f}) {
-                v.insert(v.end(), {boundary, std::nextafter(boundary, 0.0f), std::nextafter(boundary, boundary * 2)});
-            }
-        }
-        return v;
-    }();
-    return values;
+    const float fov = rng.uniform(0, 2) ? 65.0f : 49.0f;
+    const float boundaries[] = {fov * 0.33333334f, -fov * 0.33333334f, 2 * fov / 16.0f, 2 * fov / 13.6f};
+    const float b = boundaries[rng.uniform(0, 4)];
+    const float nearBoundary[] = {b, std::nextafter(b, 0.0f), std::nextafter(b, 2 * b)};
+    const float others[] = {0.0f,
+                            -0.0f,
+                            -10.0f,
+                            -10.5f,
+                            26.0f,
+                            std::numeric_limits<float>::quiet_NaN(),
+                            std::numeric_limits<float>::infinity()};
+    switch (rng.uniform(0, 3)) {
+        case 0:
+            return nearBoundary[rng.uniform(0, 3)];
+        case 1:
+            return others[rng.uniform(0, static_cast<int>(std::size(others)))];
+        default:
+            return static_cast<float>(rng.uniform(-70.0, 70.0));
+    }
 }
 
 Common::FlyInfo randomFlight(cv::RNG& rng)
 {
-    const std::vector<float>& cases = pitchCases();
     Common::FlyInfo info;
-    info.pitch = rng.uniform(0, 3) == 0 ? static_cast<float>(rng.uniform(-70.0, 70.0))
-                                        : cases[static_cast<size_t>(rng.uniform(0, static_cast<int>(cases.size())))];
+    info.pitch = randomPitch(rng);
     info.headSpeed = static_cast<float>(rng.uniform(0, 8) == 0 ? rng.uniform(-3.0, -0.9) : rng.uniform(-0.5, 4.0));
     info.rightSpeed = static_cast<float>(rng.uniform(0, 2) * rng.uniform(-2.0, 2.0));
     info.verticalSpeed = static_cast<float>(rng.uniform(0, 2) * rng.uniform(-2.0, 2.0));
