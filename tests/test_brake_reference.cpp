@@ -93,10 +93,9 @@ cv::Mat noiseMap(cv::RNG& rng, int type, cv::Size size)
     return map;
 }
 
-// A random map of one of six kinds: planes and boxes with holes (sharp or
-// noisy), noise, a sparse
-// map with solid patches (the mismatch check), blocks of 1,064 to 1,069 points
-// (the qualification threshold), or nothing valid.
+// A random map of one of five kinds: planes and boxes with holes (sharp or
+// noisy), noise, a sparse map with solid patches (the mismatch check), or
+// nothing valid. (The block thresholds have their own table in test_brake.)
 cv::Mat randomScene(cv::RNG& rng, int type, cv::Size size)
 {
     cv::Mat map = invalidMap(type, size);
@@ -104,7 +103,7 @@ cv::Mat randomScene(cv::RNG& rng, int type, cv::Size size)
         const double px = kFocalPx * kBaselineMm / (rng.uniform(0.3, 70.0) * 1000) + rng.gaussian(0.3);
         return type == CV_16S ? std::round(px) : std::round(px * 64) / 64;
     };
-    const int kind = size.area() == 0 ? 5 : rng.uniform(0, 6);
+    const int kind = size.area() == 0 ? 4 : rng.uniform(0, 5);
     if (kind <= 1) {
         const double holes = std::vector<double>{0.0, 0.02, 0.3, 0.6}[static_cast<size_t>(rng.uniform(0, 4))];
         cv::Rect area(cv::Point(), size);
@@ -130,18 +129,6 @@ cv::Mat randomScene(cv::RNG& rng, int type, cv::Size size)
             map(cv::Rect(rng.uniform(0, size.width), rng.uniform(0, size.height), side, side) &
                 cv::Rect(cv::Point(), size))
                 .setTo(cv::Scalar(rng.uniform(40, 1100)));
-        }
-    } else if (kind == 4) {
-        for (int y0 = 0; y0 < size.height; y0 += 40) {
-            for (int x0 = 0; x0 < size.width; x0 += 40) {
-                const int points = std::vector<int>{0, 1064, 1066, 1067, 1069, 1600}[rng.uniform(0, 6)];
-                const double px = disparity();
-                for (int i = 0; i < points && y0 + i / 40 < size.height; ++i) {
-                    if (x0 + i % 40 < size.width) {
-                        set(map, y0 + i / 40, x0 + i % 40, px);
-                    }
-                }
-            }
         }
     }
     return map;
