@@ -3,7 +3,10 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <numeric>
 #include <sstream>
+#include <utility>
+#include <vector>
 
 #include <opencv2/calib3d.hpp>
 #include <opencv2/imgproc.hpp>
@@ -12,15 +15,8 @@ namespace brakeref {
 
 namespace {
 
-bool flying(const Brake& brake) { return brake.flyInfo.armOrDisarm == 1 || brake.flyInfo.armOrDisarm == 2; }
-
-float zAt(const cv::Mat& points, int row, int column)
-{
-    return points.empty() ? 0.0f : points.at<cv::Vec3f>(row, column)[2];
-}
-
-}  // namespace
-
+// No point at all for a map other than CV_16SC1 / CV_32FC1 or a Q that
+// cv::reprojectImageTo3D refuses.
 cv::Mat reproject(const cv::Mat& disparity, const cv::Mat& Q)
 {
     cv::Mat points;
@@ -35,155 +31,105 @@ cv::Mat reproject(const cv::Mat& disparity, const cv::Mat& Q)
     return points;
 }
 
-Measurement measureFront(const Brake& before, const cv::Mat& disparity, const cv::Mat& Q)
+// The valid points (0 < Z < 100000) of rows [r0, r1) and columns [c0, c1),
+// bounds clamped to the map, row-major, with Z x cos(pitch) summed in float.
+struct Block {
+    int count = 0;
+    int columnSum = 0;
+    int rowSum = 0;
+    float sum = 0.0f;
+    std::vector<cv::Point2f> points;
+};
+
+Block gather(const cv::Mat& points3d, int r0, int r1, int c0, int c1, float pitch)
 {
-    Measurement result;
-    std::vector<cv::Point2f> blockPoints;
-    result.frontArea = blockPoints;
-    const cv::Mat points3d = reproject(disparity, Q);
+    Block block;
+    for (int r = std::clamp(r0, 0, points3d.rows); r < std::clamp(r1, 0, points3d.rows); ++r) {
+        for (int c = std::clamp(c0, 0, points3d.cols); c < std::clamp(c1, 0, points3d.cols); ++c) {
+            const float Z = points3d.at<cv::Vec3f>(r, c)[2];
+            if (Z > 0 && Z < 100000) {
+                ++block.count;
+                block.columnSum += c;
+                block.rowSum += r;
+                block.sum += Z * std::cos(pitch * 0.017453292519943295);
+                block.points.emplace_back(static_cast<float>(c), static_cast<float>(r));
+            }
+        }
+    }
+    return block;
+}
+
+void measureFront(Brake& b, const cv::Mat& disparity, const cv::Mat& points3d)
+{
     const int H = disparity.rows;
     const int W = disparity.cols;
     const float colBlocks = static_cast<float>(W * 0.025);
     const float rowBlocks = static_cast<float>(H * 0.025);
-    result.fovVertical = before.fovVertical;
     if (H == 544 && W == 640) {
-        result.fovVertical = 49.0f;
+        b.fovVertical = 49.0f;
     }
-    const float p = before.flyInfo.pitch;
-    const float F = result.fovVertical;
+    const float p = b.flyInfo.pitch;
+    const float third = b.fovVertical * 0.33333334f;
     int first = 1;
     int last = 7;
-    if (p > 0 && p >= F * 0.33333334f) {
+    if (p > 0 && p >= third) {
         first = 3;
         last = 9;
-    } else if (p > 0 && p < F * 0.33333334f) {
-        first = 2;
+    } else if (p > 0) {
+        first = p >= 2 * b.fovVertical / rowBlocks ? 3 : 2;
         last = 8;
-        if (p >= 2 * F / rowBlocks) {
-            first = 3;
-        }
-    } else if (p < 0 && p > -(F * 0.33333334f)) {
-        first = 1;
-        last = 7;
-    } else if (p < 0 && p <= -(F * 0.33333334f)) {
+    } else if (p < 0 && p <= -third) {
         first = 0;
         last = 6;
     }
-    result.targetY = static_cast<float>(W / 2);
-    result.targetX = static_cast<float>(H / 2);
-
-    if (flying(before)) {
-        float best = 60.0f;
-        if (colBlocks > 4) {
-            for (int i = first; i <= last; ++i) {
-                for (int j = 2; j < colBlocks - 2; ++j) {
-                    const int r0 = std::clamp(40 * i, 0, H);
-                    const int r1 = std::clamp(40 * i + 40, 0, H);
-                    const int c0 = std::clamp(40 * j, 0, W);
-                    const int c1 = std::clamp(40 * j + 40, 0, W);
-                    blockPoints.clear();
-                    int count = 0;
-                    int columnSum = 0;
-                    int rowSum = 0;
-                    float sum = 0.0f;
-                    for (int r = r0; r < r1; ++r) {
-                        for (int c = c0; c < c1; ++c) {
-                            const float Z = zAt(points3d, r, c);
-                            if (Z > 0 && Z < 100000) {
-                                ++count;
-                                columnSum += c;
-                                rowSum += r;
-                                sum += Z * std::cos(p * 0.017453292519943295);
-                                blockPoints.push_back(cv::Point2f(static_cast<float>(c), static_cast<float>(r)));
-                            }
-                        }
-                    }
-                    if (count > 1066.6667) {
-                        const float d = static_cast<float>(sum * (0.001 / count));
-                        if (d < best && d > 1e-6) {
-                            best = d;
-                            result.frontArea = blockPoints;
-                            result.targetX = static_cast<float>(columnSum / count);
-                            result.targetY = static_cast<float>(rowSum / count);
-                        }
+    b.targetY = static_cast<float>(W / 2);
+    b.targetX = static_cast<float>(H / 2);
+    b.frontArea.clear();
+    b.dis_ori_z = 60.0f;
+    if (b.flyInfo.armOrDisarm == 1 || b.flyInfo.armOrDisarm == 2) {
+        for (int i = first; colBlocks > 4 && i <= last; ++i) {
+            for (int j = 2; j < colBlocks - 2; ++j) {
+                const Block block = gather(points3d, 40 * i, 40 * i + 40, 40 * j, 40 * j + 40, p);
+                if (block.count > 1066.6667) {
+                    const float d = static_cast<float>(block.sum * (0.001 / block.count));
+                    if (d < b.dis_ori_z && d > 1e-6) {
+                        b.dis_ori_z = d;
+                        b.frontArea = block.points;
+                        b.targetX = static_cast<float>(block.columnSum / block.count);
+                        b.targetY = static_cast<float>(block.rowSum / block.count);
                     }
                 }
             }
         }
-        result.disOriZ = best;
     } else {
-        const int r0 = std::clamp(H / 2 - 40, 0, H);
-        const int r1 = std::clamp(H / 2, 0, H);
-        const int c0 = std::clamp(W / 2 - 40, 0, W);
-        const int c1 = std::clamp(W / 2, 0, W);
-        blockPoints.clear();
-        int count = 0;
-        float sum = 0.0f;
-        for (int r = r0; r < r1; ++r) {
-            for (int c = c0; c < c1; ++c) {
-                const float Z = zAt(points3d, r, c);
-                if (Z > 0 && Z < 100000) {
-                    ++count;
-                    sum += Z * std::cos(p * 0.017453292519943295);
-                    blockPoints.push_back(cv::Point2f(static_cast<float>(c), static_cast<float>(r)));
-                }
-            }
-        }
-        result.disOriZ = 60.0f;
-        if (count > 400) {
-            const float d = sum / (count * 1000);
+        const Block block = gather(points3d, H / 2 - 40, H / 2, W / 2 - 40, W / 2, p);
+        if (block.count > 400) {
+            const float d = block.sum / (block.count * 1000);
             if (d < 60 && d > 1e-6) {
-                result.frontArea = blockPoints;
-                result.disOriZ = d;
+                b.frontArea = block.points;
+                b.dis_ori_z = d;
             }
         }
     }
-    return result;
 }
 
-Measurement measureDown(const Brake& before, const cv::Mat& disparity, const cv::Mat& Q)
+void measureDown(Brake& b, const cv::Mat& disparity, const cv::Mat& points3d)
 {
-    Measurement result;
-    result.targetX = before.targetX;
-    result.targetY = before.targetY;
-    result.fovVertical = before.fovVertical;
-    const int H = disparity.rows;
-    const int W = disparity.cols;
-    const int s = static_cast<int>(H / before.gridCount);
-    const int threshold = (s * s / 3) * 2;
-    const cv::Mat points3d = reproject(disparity, Q);
-    std::vector<cv::Point2f> blockPoints;
-    const float p = before.flyInfo.pitch;
-    float best = 60.0f;
+    const int s = static_cast<int>(disparity.rows / b.gridCount);
+    b.frontArea.clear();
+    b.dis_ori_z = 60.0f;
     for (int k = 0; k < 8; ++k) {
         for (int m = 0; m < 4; ++m) {
-            const int r0 = std::clamp((4 + k) * s, 0, H);
-            const int r1 = std::clamp((5 + k) * s, 0, H);
-            const int c0 = std::clamp((4 + m) * s, 0, W);
-            const int c1 = std::clamp((5 + m) * s, 0, W);
-            blockPoints.clear();
-            float sum = 0.0f;
-            for (int r = r0; r < r1; ++r) {
-                for (int c = c0; c < c1; ++c) {
-                    const float Z = zAt(points3d, r, c);
-                    if (Z > 0 && Z < 100000) {
-                        sum += Z * std::cos(p * 0.017453292519943295);
-                        blockPoints.push_back(cv::Point2f(static_cast<float>(c), static_cast<float>(r)));
-                    }
-                }
-            }
-            const int count = static_cast<int>(blockPoints.size());
-            if (count > threshold) {
-                const float d = sum / (count * 1000);
-                if (d < best && d > 1e-6) {
-                    best = d;
-                    result.frontArea = blockPoints;
+            const Block block = gather(points3d, (4 + k) * s, (5 + k) * s, (4 + m) * s, (5 + m) * s, b.flyInfo.pitch);
+            if (block.count > (s * s / 3) * 2) {
+                const float d = block.sum / (block.count * 1000);
+                if (d < b.dis_ori_z && d > 1e-6) {
+                    b.dis_ori_z = d;
+                    b.frontArea = block.points;
                 }
             }
         }
     }
-    result.disOriZ = best;
-    return result;
 }
 
 bool highAltitudeMismatch(const cv::Mat& disparity)
@@ -193,37 +139,21 @@ bool highAltitudeMismatch(const cv::Mat& disparity)
     if ((type != CV_16SC1 && type != CV_32FC1) || size.width < 5 || size.height < 5) {
         return false;
     }
-    cv::Mat copy;
-    cv::resize(disparity, copy, size, 0, 0, cv::INTER_LINEAR);
+    cv::Mat scaled;
+    cv::resize(disparity, scaled, size, 0, 0, cv::INTER_LINEAR);
     std::vector<int> histogram(1026, 0);
     cv::Mat mask(size, CV_8UC1);
     for (int y = 0; y < size.height; ++y) {
         for (int x = 0; x < size.width; ++x) {
-            const uint16_t v = type == CV_16SC1 ? static_cast<uint16_t>(copy.at<int16_t>(y, x))
-                                                : cv::saturate_cast<uint16_t>(copy.at<float>(y, x));
-            if (v < 1026) {
-                ++histogram[v];
-                mask.at<uint8_t>(y, x) = (v >= 65 && v <= 1024) ? 1 : 0;
-            } else {
-                if (type == CV_16SC1) {
-                    copy.at<int16_t>(y, x) = 0;
-                } else {
-                    copy.at<float>(y, x) = 0.0f;
-                }
-                ++histogram[0];
-                mask.at<uint8_t>(y, x) = 0;
-            }
+            const uint16_t v = type == CV_16SC1 ? static_cast<uint16_t>(scaled.at<int16_t>(y, x))
+                                                : cv::saturate_cast<uint16_t>(scaled.at<float>(y, x));
+            ++histogram[v < 1026 ? v : 0];
+            mask.at<uint8_t>(y, x) = v >= 65 && v <= 1024 ? 1 : 0;
         }
     }
     const int zero = histogram[0];
-    int small = 0;
-    int large = 0;
-    for (int v = 1; v <= 64; ++v) {
-        small += histogram[v];
-    }
-    for (int v = 65; v <= 1025; ++v) {
-        large += histogram[v];
-    }
+    const int small = std::accumulate(histogram.begin() + 1, histogram.begin() + 65, 0);
+    const int large = std::accumulate(histogram.begin() + 65, histogram.end(), 0);
     cv::Mat result;
     cv::matchTemplate(mask, cv::Mat(5, 5, CV_8UC1, cv::Scalar(1)), result, cv::TM_SQDIFF);
     double minimum = 0;
@@ -232,45 +162,39 @@ bool highAltitudeMismatch(const cv::Mat& disparity)
     return minimum <= 1e-6 && 0.93 < ratio && ratio < 1.0;
 }
 
-void setDisparity(Brake& brake, const cv::Mat& disparity, const cv::Mat& Q, int64_t frameTick, double ticksPerSecond)
+// setDisparity step by step; `frameTick` is what the clock reads at step 6.
+void setDisparity(Brake& b, const cv::Mat& disparity, const cv::Mat& Q, int64_t frameTick, double ticksPerSecond)
 {
-    brake.Q = Q;
-    brake.imageWidth = disparity.cols;
-    brake.imageHeight = disparity.rows;
-    const Measurement measured =
-        brake.direction == Common::FRONT ? measureFront(brake, disparity, Q) : measureDown(brake, disparity, Q);
-    brake.dis_ori_z = measured.disOriZ;
-    brake.frontArea = measured.frontArea;
-    brake.targetX = measured.targetX;
-    brake.targetY = measured.targetY;
-    brake.fovVertical = measured.fovVertical;
-    brake.distance_ori = brake.dis_ori_z;
-    brake.dealBlindArea();
-    brake.mismatchFlag = highAltitudeMismatch(disparity);
-    brake.faultDetectFlagOfTen = brake.mismatchFlag;
-    brake.frameTick = frameTick;
-    brake.timeuse = static_cast<float>((brake.frameTick - brake.flyInfoTick) * 1000 / ticksPerSecond);
-    brake.pitch_rate = brake.getPitchRate();
-    brake.poseOutlierProcess();
-    brake.outlier();
-    brake.rejectFaultDetection();
-    brake.obstacleMissedPredict();
-}
-
-namespace {
-
-void compareBits(std::ostringstream& out, const char* name, float a, float b)
-{
-    if (std::memcmp(&a, &b, sizeof a) != 0) {
-        out << name << " " << a << " != " << b << "; ";
+    b.Q = Q;
+    b.imageWidth = disparity.cols;
+    b.imageHeight = disparity.rows;
+    const cv::Mat points3d = reproject(disparity, Q);
+    if (b.direction == Common::FRONT) {
+        measureFront(b, disparity, points3d);
+    } else {
+        measureDown(b, disparity, points3d);
     }
+    b.distance_ori = b.dis_ori_z;
+    b.dealBlindArea();
+    b.mismatchFlag = highAltitudeMismatch(disparity);
+    b.faultDetectFlagOfTen = b.mismatchFlag;
+    b.frameTick = frameTick;
+    b.timeuse = static_cast<float>((frameTick - b.flyInfoTick) * 1000 / ticksPerSecond);
+    b.pitch_rate = b.getPitchRate();
+    b.poseOutlierProcess();
+    b.outlier();
+    b.rejectFaultDetection();
+    b.obstacleMissedPredict();
 }
 
-template <typename T>
-void compareValues(std::ostringstream& out, const char* name, T a, T b)
+template <typename T, size_t N>
+void compareBits(std::ostringstream& out, const Brake& a, const Brake& b,
+                 const std::pair<const char*, T Brake::*> (&members)[N])
 {
-    if (a != b) {
-        out << name << " " << a << " != " << b << "; ";
+    for (const auto& [name, member] : members) {
+        if (std::memcmp(&(a.*member), &(b.*member), sizeof(T)) != 0) {
+            out << name << " " << a.*member << " != " << b.*member << "; ";
+        }
     }
 }
 
@@ -290,51 +214,44 @@ std::string Twin::frame(const Common::FlyInfo& info, const cv::Mat& disparity, c
         fast.reset();
         reference.reset();
     }
-    const cv::Vec3f target(0, 0, 0);
-    fast.getTargetRegionFromBrake(target);
-    reference.getTargetRegionFromBrake(target);
 
     std::ostringstream out;
-    const std::vector<std::string> fastLine = fast.getLogline();
-    const std::vector<std::string> referenceLine = reference.getLogline();
-    for (size_t i = 0; i < std::max(fastLine.size(), referenceLine.size()); ++i) {
-        if (i >= fastLine.size() || i >= referenceLine.size() || fastLine[i] != referenceLine[i]) {
-            out << "record column " << i + 1 << "; ";
-        }
-    }
     if (fast.getFrountArea() != reference.getFrountArea()) {
         out << "front area (" << fast.frontArea.size() << " vs " << reference.frontArea.size() << " points); ";
     }
-    const Brake& a = fast;
-    const Brake& b = reference;
-    compareBits(out, "dis_ori_z", a.dis_ori_z, b.dis_ori_z);
-    compareBits(out, "distance_ori", a.distance_ori, b.distance_ori);
-    compareBits(out, "distanceFiltered_poseoutlier", a.distanceFiltered_poseoutlier, b.distanceFiltered_poseoutlier);
-    compareBits(out, "distanceFiltered_outlier", a.distanceFiltered_outlier, b.distanceFiltered_outlier);
-    compareBits(out, "disRejectFaultDetect", a.disRejectFaultDetect, b.disRejectFaultDetect);
-    compareBits(out, "distanceFiltered_app", a.getDistance(), b.getDistance());
-    compareBits(out, "timeuse", a.timeuse, b.timeuse);
-    compareBits(out, "pitch_rate", a.pitch_rate, b.pitch_rate);
-    compareBits(out, "targetX", a.targetX, b.targetX);
-    compareBits(out, "targetY", a.targetY, b.targetY);
-    compareBits(out, "fovVertical", a.fovVertical, b.fovVertical);
-    compareBits(out, "outlierRef", a.outlierRef, b.outlierRef);
-    compareBits(out, "outlierLast", a.outlierLast, b.outlierLast);
-    compareBits(out, "faultRef", a.faultRef, b.faultRef);
-    compareValues(out, "imageWidth", a.imageWidth, b.imageWidth);
-    compareValues(out, "imageHeight", a.imageHeight, b.imageHeight);
-    compareValues(out, "mismatchFlag", a.mismatchFlag, b.mismatchFlag);
-    compareValues(out, "faultDetectFlagOfTen", a.faultDetectFlagOfTen, b.faultDetectFlagOfTen);
-    compareValues(out, "mismatchHold", a.mismatchHold, b.mismatchHold);
-    compareValues(out, "mismatchRelease", a.mismatchRelease, b.mismatchRelease);
-    compareValues(out, "outlierTracking", a.outlierTracking, b.outlierTracking);
-    compareValues(out, "countmax", a.countmax, b.countmax);
-    compareValues(out, "holdCount", a.holdCount, b.holdCount);
-    compareValues(out, "initCount", a.initCount, b.initCount);
-    compareValues(out, "faultCount", a.faultCount, b.faultCount);
-    compareValues(out, "missedPredictActive", a.missedPredictActive, b.missedPredictActive);
-    compareValues(out, "missedPredictIdle", a.missedPredictIdle, b.missedPredictIdle);
-    compareValues(out, "smallDisCount", a.smallDisCount, b.smallDisCount);
+    static const std::pair<const char*, float Brake::*> floats[] = {
+        {"dis_ori_z", &Brake::dis_ori_z},
+        {"distance_ori", &Brake::distance_ori},
+        {"distanceFiltered_poseoutlier", &Brake::distanceFiltered_poseoutlier},
+        {"distanceFiltered_outlier", &Brake::distanceFiltered_outlier},
+        {"disRejectFaultDetect", &Brake::disRejectFaultDetect},
+        {"timeuse", &Brake::timeuse},
+        {"pitch_rate", &Brake::pitch_rate},
+        {"targetX", &Brake::targetX},
+        {"targetY", &Brake::targetY},
+        {"fovVertical", &Brake::fovVertical},
+        {"outlierRef", &Brake::outlierRef},
+        {"outlierLast", &Brake::outlierLast},
+        {"faultRef", &Brake::faultRef}};
+    static const std::pair<const char*, int32_t Brake::*> ints[] = {
+        {"imageWidth", &Brake::imageWidth},      {"imageHeight", &Brake::imageHeight},
+        {"countmax", &Brake::countmax},          {"holdCount", &Brake::holdCount},
+        {"initCount", &Brake::initCount},        {"faultCount", &Brake::faultCount},
+        {"smallDisCount", &Brake::smallDisCount}};
+    static const std::pair<const char*, bool Brake::*> flags[] = {
+        {"mismatchFlag", &Brake::mismatchFlag},           {"faultDetectFlagOfTen", &Brake::faultDetectFlagOfTen},
+        {"mismatchHold", &Brake::mismatchHold},           {"mismatchRelease", &Brake::mismatchRelease},
+        {"outlierTracking", &Brake::outlierTracking},     {"missedPredictActive", &Brake::missedPredictActive},
+        {"missedPredictIdle", &Brake::missedPredictIdle}, {"meetSpeedFlag", &Brake::meetSpeedFlag},
+        {"smallDistanceFlag", &Brake::smallDistanceFlag}};
+    compareBits(out, fast, reference, floats);
+    compareBits(out, fast, reference, ints);
+    compareBits(out, fast, reference, flags);
+    const float fastApp = fast.getDistance();
+    const float referenceApp = reference.getDistance();
+    if (std::memcmp(&fastApp, &referenceApp, sizeof fastApp) != 0) {
+        out << "distanceFiltered_app " << fastApp << " != " << referenceApp << "; ";
+    }
 
     fast.update();
     reference.update();

@@ -1,6 +1,6 @@
-// Brake::getDistance from another thread while the worker runs frames, as
-// the pipeline's reporter reads it: every value read is one the chain
-// produced, and the ThreadSanitizer build sees no race.
+// Brake::getDistance read from another thread while the worker measures, as
+// the pipeline's reporter does: every value read is one the chain produced,
+// and the ThreadSanitizer build sees no race.
 
 #include <gtest/gtest.h>
 
@@ -19,8 +19,8 @@ using namespace brakemaps;
 TEST(BrakeThreads, DistanceIsReadWhileTheWorkerMeasures)
 {
     const cv::Mat Q = rigQ(kTall);
-    const std::vector<cv::Mat> maps = {planeMap(CV_32F, kTall, Q, 4.0), planeMap(CV_32F, kTall, Q, 9.0),
-                                       invalidMap(CV_32F, kTall)};
+    const cv::Mat maps[] = {planeMap(CV_32F, kTall, Q, 4.0), planeMap(CV_32F, kTall, Q, 9.0),
+                            invalidMap(CV_32F, kTall)};
     ManualClock time;
     Brake brake(Common::FRONT, time.clock());
     std::atomic<bool> done{false};
@@ -35,7 +35,7 @@ TEST(BrakeThreads, DistanceIsReadWhileTheWorkerMeasures)
     for (int frame = 0; frame < 100; ++frame) {
         brake.setFlyInfo(flight(0.0f, 1.0f));
         time.now += 50;
-        brake.setDisparity(maps[static_cast<size_t>(frame / 10) % maps.size()], Q);
+        brake.setDisparity(maps[frame / 10 % 3], Q);
         produced.insert(brake.getDistance());
         brake.update();
     }
