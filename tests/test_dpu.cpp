@@ -33,9 +33,14 @@ cv::Mat waves(cv::Size size, double shiftPx, uint64_t seed)
         const double radius = rng.uniform(0.05, 0.25), angle = rng.uniform(0.0, CV_PI);
         const double fx = 2 * CV_PI * radius * std::cos(angle), fy = 2 * CV_PI * radius * std::sin(angle);
         const double phase = rng.uniform(0.0, 2 * CV_PI);
-        sum.forEach<double>([&](double& value, const int* yx) {
-            value += 20.0 * std::cos(fx * (yx[1] + shiftPx) + fy * yx[0] + phase);
-        });
+        // Serial on purpose: a parallel loop would run on the thread pool of
+        // OpenCV, whose synchronisation ThreadSanitizer cannot see.
+        for (int y = 0; y < size.height; ++y) {
+            double* row = sum.ptr<double>(y);
+            for (int x = 0; x < size.width; ++x) {
+                row[x] += 20.0 * std::cos(fx * (x + shiftPx) + fy * y + phase);
+            }
+        }
     }
     cv::Mat image;
     sum.convertTo(image, CV_8U);

@@ -46,7 +46,11 @@ struct Frame {
 Frame frameOf(int k, cv::Size size = cv::Size(40, 30))
 {
     cv::Mat ramp(size, CV_8UC1);
-    ramp.forEach<uchar>([k](uchar& pixel, const int* yx) { pixel = static_cast<uchar>(yx[1] * 3 + yx[0] * 5 + k); });
+    for (int y = 0; y < size.height; ++y) {
+        for (int x = 0; x < size.width; ++x) {
+            ramp.at<uchar>(y, x) = static_cast<uchar>(x * 3 + y * 5 + k);
+        }
+    }
     Frame frame{ramp, 255 - ramp, cv::Mat(), {}};
     cv::cvtColor(ramp / 2, frame.disparity, cv::COLOR_GRAY2BGR);
     frame.disparity(cv::Rect(5, 25, 6, 4)).setTo(cv::Scalar(255, 0, 0));  // below the distance text
