@@ -1,5 +1,7 @@
 #include "binocular.h"
 
+#include <pthread.h>
+
 #include <array>
 #include <atomic>
 #include <chrono>
@@ -117,6 +119,11 @@ int16_t low16(double value) { return static_cast<int16_t>(static_cast<uint16_t>(
 
 uint8_t lowByte(int value) { return static_cast<uint8_t>(value); }
 
+// A reporter's thread carries a fixed name (at most 15 characters), so a host
+// that receives a distance report can tell which pair's reporter sent it:
+// both send the same record.
+void nameThisThread(const char* name) { pthread_setname_np(pthread_self(), name); }
+
 // Paces a reporter's "distance, FPS" line to one a second.
 class RateLine {
 public:
@@ -141,6 +148,7 @@ private:
 
 void reportFront()
 {
+    nameThisThread("bino-front-rep");
     RateLine rate("[BINOLIB] frontDistance: %.2f, front FPS: %d");
     for (;;) {
         while (enableFront) {
@@ -175,6 +183,7 @@ void reportFront()
 
 void reportDown()
 {
+    nameThisThread("bino-down-rep");
     RateLine rate("[BINOLIB] downDistance: %.2f, down FPS: %d");
     for (;;) {
         while (enableDown) {
