@@ -72,6 +72,8 @@ $BINOCULAR_ROOT when that is set (see config/binocular.ini and camsim).
 Profile: one command per line; '#' starts a comment.
   <time s> <command> [args]        once, <time> s after the start
   every <period s> <command> [args]  at 0, period, 2 x period, ...
+  every <period s> from <time s> <command> [args]
+                                   at time, time + period, ...
 Commands:
   sensing on|off                   sensor-switch request (host message 5)
   armed N                          arm state 0..255 (1 and 2 mean flying)

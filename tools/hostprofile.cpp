@@ -125,6 +125,12 @@ bool parseProfile(const std::string& text, Profile& profile, std::string& error)
                 why = "every takes a period > 0 s";
             }
             commandAt = 2;
+            if (why.empty() && words.size() > 2 && words[2] == "from") {
+                if (words.size() < 4 || !toNumber(words[3], event.atS) || event.atS < 0.0) {
+                    why = "from takes a time >= 0 s";
+                }
+                commandAt = 4;
+            }
         } else if (!toNumber(words[0], event.atS) || event.atS < 0.0) {
             why = "a line starts with a time >= 0 s or 'every'";
         }

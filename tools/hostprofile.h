@@ -4,6 +4,7 @@
 //   # comment to the end of the line; blank lines are ignored
 //   <time s> <command> [arguments]      once, <time> seconds after the start
 //   every <period s> <command> [args]   at 0, period, 2 x period, ...
+//   every <period s> from <time s> <command> [args]   at time, time + period, ...
 //
 // Commands:
 //   sensing on|off                   sensor-switch request (on sends byte 0 = 0)
