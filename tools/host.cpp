@@ -25,6 +25,7 @@
 #include "binocular/binocular.h"
 #include "hostmessage.h"
 #include "hostprofile.h"
+#include "hostschedule.h"
 
 namespace {
 
@@ -230,33 +231,20 @@ struct Module {
 
 class Flight {
 public:
-    Flight(const Module& module, std::vector<host::ProfileEvent> events) : m_module(module), m_events(std::move(events))
+    Flight(const Module& module, std::vector<host::ProfileEvent> events)
+        : m_module(module), m_schedule(std::move(events))
     {
-        m_next.resize(m_events.size());
-        for (size_t i = 0; i < m_events.size(); ++i) {
-            m_next[i] = m_events[i].atS;
-        }
     }
 
-    /// Runs every event due at `elapsedS` or before, in time then file
-    /// order. Returns false when an end command ran.
+    /// Runs every event due at `elapsedS` or before. Returns false when an
+    /// end command ran.
     bool runDue(double elapsedS)
     {
         bool running = true;
-        for (;;) {
-            size_t best = m_events.size();
-            for (size_t i = 0; i < m_events.size(); ++i) {
-                if (m_next[i] <= elapsedS && (best == m_events.size() || m_next[i] < m_next[best])) {
-                    best = i;
-                }
-            }
-            if (best == m_events.size()) {
-                return running;
-            }
-            const host::ProfileEvent& event = m_events[best];
-            m_next[best] = event.everyS > 0.0 ? m_next[best] + event.everyS : INFINITY;
+        for (const host::ProfileEvent& event : m_schedule.takeDue(elapsedS)) {
             running = apply(event) && running;
         }
+        return running;
     }
 
     void sendState()
@@ -315,8 +303,7 @@ private:
     }
 
     Module m_module;
-    std::vector<host::ProfileEvent> m_events;
-    std::vector<double> m_next;  ///< next due time of each event, s; INFINITY when done
+    host::ProfileSchedule m_schedule;
     host::FlightState m_state;
 };
 
