@@ -91,13 +91,15 @@ Output, --json: {"t":seconds,"mono_us":CLOCK_MONOTONIC us at receipt,
 "type":N,"kind":"status"|"version"|"switch"|"distance"|"unknown",...} with
 front_hw, front_calib, down_hw, down_calib | major, minor, major2, minor2 |
 result | pair, front_cm, down_cm, target_x1000, target_y1000, passable.
-A final summary goes to stderr. Exit status: 0, 1 when the library cannot be
+The module's own output (stdout and stderr) goes to stderr, so stdout
+carries only these lines. A final summary goes to stderr. Exit status: 0, 1 when the library cannot be
 loaded or started, 2 on bad arguments or profile.
 )";
 
 // ------------------------------------------------------------ output
 
 std::mutex g_outMutex;
+std::FILE* g_out = stdout;  ///< the host's own lines; the module's stdout goes to stderr
 bool g_json = false;
 bool g_printDistances = true;
 uint64_t g_startUs = 0;
@@ -146,9 +148,9 @@ int64_t onMessage(void* message, uint32_t type, uint64_t handle)
     const std::string line =
         g_json ? host::toJson(decoded, timeS, receivedUs, pair) : host::toText(decoded, timeS, pair);
     std::lock_guard<std::mutex> lock(g_outMutex);
-    std::fputs(line.c_str(), stdout);
-    std::fputc('\n', stdout);
-    std::fflush(stdout);
+    std::fputs(line.c_str(), g_out);
+    std::fputc('\n', g_out);
+    std::fflush(g_out);
     return 0;
 }
 
@@ -157,11 +159,11 @@ void note(const std::string& text)
     std::lock_guard<std::mutex> lock(g_outMutex);
     const double timeS = static_cast<double>(monotonicUs() - g_startUs) * 1e-6;
     if (g_json) {
-        std::printf("{\"t\":%.6f,\"kind\":\"sent\",\"what\":\"%s\"}\n", timeS, text.c_str());
+        std::fprintf(g_out, "{\"t\":%.6f,\"kind\":\"sent\",\"what\":\"%s\"}\n", timeS, text.c_str());
     } else {
-        std::printf("%9.3f sent      %s\n", timeS, text.c_str());
+        std::fprintf(g_out, "%9.3f sent      %s\n", timeS, text.c_str());
     }
-    std::fflush(stdout);
+    std::fflush(g_out);
 }
 
 // ------------------------------------------------------------ arguments
@@ -352,6 +354,15 @@ int main(int argc, char** argv)
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
 
+    // The module prints on stdout too (its shared-memory queue): give it
+    // stderr, keeping stdout for the host's own lines alone.
+    std::fflush(stdout);
+    const int ownOut = dup(STDOUT_FILENO);
+    if (ownOut == -1 || dup2(STDERR_FILENO, STDOUT_FILENO) == -1 || (g_out = fdopen(ownOut, "w")) == nullptr) {
+        std::fprintf(stderr, "host: cannot set up the output\n");
+        return 1;
+    }
+
     void* library = dlopen(options.library.c_str(), RTLD_NOW | RTLD_LOCAL);
     if (library == nullptr) {
         std::fprintf(stderr, "host: cannot load %s: %s\n", options.library.c_str(), dlerror());
@@ -409,6 +420,7 @@ int main(int argc, char** argv)
             static_cast<unsigned long long>(g_counts[2].load()), static_cast<unsigned long long>(g_counts[3].load()),
             static_cast<unsigned long long>(g_counts[4].load()),
             g_wrongHandle.load() > 0 ? "; some carried a wrong handle" : "");
+        std::fflush(g_out);
         std::fflush(stdout);
         std::fflush(stderr);
         // The module has no shutdown and its threads never stop: leave
