@@ -16,6 +16,7 @@
 set -euo pipefail
 root="$(cd "$(dirname "$0")/.." && pwd)"
 build="${BUILD_DIR:-$root/build}"
+[ -d "$build" ] && build="$(cd "$build" && pwd)"  # it stays valid after the cd below
 seconds="${LATENCY_SECONDS:-20}"
 fps="${LATENCY_FPS:-30}"
 python=/usr/bin/python3
@@ -65,6 +66,7 @@ for matcher in ${LATENCY_MATCHERS:-bm unit}; do
   down=(--direction down --focal 400 --baseline 200)
   "$build/tools/camsim" "${front[@]}" --calib-only >/dev/null
   "$build/tools/camsim" "${down[@]}" --calib-only >/dev/null
+  cd "$run"  # the module writes its debug file test.yuv into the working directory
   pids=()
   "$build/tools/camsim" "${front[@]}" --no-calib --fps "$fps" --distance 15 --min-distance 2 --speed 1.5 \
     --bounce --step 0.05 >"$run/camsim-front.log" 2>&1 &

@@ -38,6 +38,7 @@ if [ -z "${BINOCULAR_DEMO_NS:-}" ] && [ "$(id -u)" -eq 0 ] && command -v unshare
   exec unshare --ipc --net bash -c 'ip link set lo up && exec bash "$0" "$@"' "$0" "$@"
 fi
 
+[ -d "$build" ] && build="$(cd "$build" && pwd)"  # it stays valid after the cd below
 for program in tools/camsim tools/viewer tools/host; do
   if [ ! -x "$build/$program" ]; then
     echo "demo: $build/$program is missing; run without DEMO_NO_BUILD to build it" >&2
@@ -118,6 +119,7 @@ every 17.333 from 8.667 speed 0 0 0
 every 5 from 1 version
 PROFILE
 
+cd "$out"  # the module writes its debug file test.yuv into the working directory
 start "$out/camsim-front.log" "$build/tools/camsim" "${front_rig[@]}" --no-calib --fps 30 --distance 15 \
   --min-distance 2 --speed 1.5 --bounce --step 0.05 --truth "$out/truth-front.txt"
 start "$out/camsim-down.log" "$build/tools/camsim" "${down_rig[@]}" --no-calib --fps 30 --distance 0 \

@@ -20,6 +20,7 @@
 set -euo pipefail
 root="$(cd "$(dirname "$0")/.." && pwd)"
 build="${BUILD_DIR:-$root/build}"
+[ -d "$build" ] && build="$(cd "$build" && pwd)"  # it stays valid after the cd below
 seconds="${SOAK_SECONDS:-300}"
 warmup="${SOAK_WARMUP:-60}"
 python=/usr/bin/python3
@@ -102,6 +103,7 @@ stop_camera() {
 }
 rss_kb() { awk '/^VmRSS:/ { print $2 }' "/proc/$1/status" 2>/dev/null || echo 0; }
 
+cd "$soak"  # the module writes its debug file test.yuv into the working directory
 start_camera front
 start_camera down
 # The host runs on past the end; it is stopped once its memory is measured.
