@@ -197,9 +197,13 @@ int parseArguments(int argc, char** argv, Options& options)
             options.distances = false;
             continue;
         }
+        if (option != "--library" && option != "--profile" && option != "--seconds" && option != "--state-hz") {
+            std::fprintf(stderr, "host: unknown option %s\nTry 'host --help'.\n", option.c_str());
+            return 2;
+        }
         const char* argument = value();
         if (argument == nullptr) {
-            std::fprintf(stderr, "host: %s needs a value (or is unknown)\nTry 'host --help'.\n", option.c_str());
+            std::fprintf(stderr, "host: %s needs a value\nTry 'host --help'.\n", option.c_str());
             return 2;
         }
         if (option == "--library") {
@@ -216,9 +220,6 @@ int parseArguments(int argc, char** argv, Options& options)
                 std::fprintf(stderr, "host: --state-hz takes a number 0.1..200\n");
                 return 2;
             }
-        } else {
-            std::fprintf(stderr, "host: unknown option %s\nTry 'host --help'.\n", option.c_str());
-            return 2;
         }
     }
     return 0;
