@@ -74,11 +74,14 @@ def main(argv):
     chain.set_title(args.title or ", ".join(os.path.basename(path) for path in args.records), fontsize="medium")
 
     for index, name in enumerate(bino_records.FLAGS):
-        flags.step(times, [index * 1.5 + 0.9 * row[name] for row in rows], where="post", label=name)
+        # A flag's band is filled while it is high and empty while it is low.
+        base = index * 1.5
+        flags.fill_between(times, base, [base + 0.9 * row[name] for row in rows], step="post", alpha=0.6)
+        flags.axhline(base, color="grey", lw=0.5)
     flags.set_ylim(-0.3, 1.5 * len(bino_records.FLAGS))
     flags.set_yticks([index * 1.5 + 0.45 for index in range(len(bino_records.FLAGS))])
     flags.set_yticklabels(bino_records.FLAGS, fontsize="small")
-    flags.set_ylabel("flags (low 0, high 1)", fontsize="small")
+    flags.set_ylabel("flags (filled: high)", fontsize="small")
     flags.set_xlabel("time since the first frame, s")
     flags.grid(True, alpha=0.3)
 
