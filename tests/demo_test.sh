@@ -35,7 +35,7 @@ nothing_left() {
 
 case "$mode" in
   short)
-    DEMO_SECONDS=4 DEMO_SNAPSHOT_EVERY=2 timeout 180 bash "$source_dir/scripts/demo.sh" >out.txt 2>&1 || fail "demo exited $?"
+    DEMO_SECONDS="${DEMO_TEST_SECONDS:-4}" DEMO_SNAPSHOT_EVERY=2 timeout 180 bash "$source_dir/scripts/demo.sh" >out.txt 2>&1 || fail "demo exited $?"
     grep -q '^summary' out.txt || fail "no summary"
     for pair in front down; do
       grep -qE "^  $pair +reports [1-9][0-9]*, record lines [1-9][0-9]*, frames sent [1-9][0-9]*, paired [1-9]" out.txt ||
