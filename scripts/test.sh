@@ -5,7 +5,7 @@
 set -euo pipefail
 root="$(cd "$(dirname "$0")/.." && pwd)"
 build="${BUILD_DIR:-$root/build}"
-"$root/scripts/install-deps.sh"
+"$root/scripts/install-deps.sh" plot  # plot: the record plot and the demo's report
 BUILD_DIR="$build" "$root/scripts/build.sh" "$@"
 cd "$build"
 ctest --output-on-failure -j2 --timeout 600

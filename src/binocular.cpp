@@ -1,5 +1,7 @@
 #include "binocular.h"
 
+#include <pthread.h>
+
 #include <array>
 #include <atomic>
 #include <chrono>
@@ -141,6 +143,8 @@ private:
 
 void reportFront()
 {
+    // The name also tells a host which pair's reporter sent a distance
+    // report: both send the same record.
     Common::nameThisThread("bino-rep-front");
     RateLine rate("[BINOLIB] frontDistance: %.2f, front FPS: %d");
     for (;;) {

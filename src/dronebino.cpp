@@ -216,6 +216,7 @@ void DroneBino::brakeRun()
     int port = 0;
     getServerInfo(address, port);
     server = std::make_unique<Server>(address, port);
+    stages = std::make_unique<StageTrace>(Common::binoString(direction));
     sendBuffer.assign(2 * static_cast<size_t>(reader->getUsedSize().area()), 0);
     cv::Mat left;
     cv::Mat right;
@@ -246,16 +247,21 @@ void DroneBino::runPass(cv::Mat& left, cv::Mat& right, cv::Mat& disparity)
     if (worker.stopping()) {
         return;
     }
+    stages->begin(leftTimestamp);
+    stages->mark(StageTrace::GOT);
     const Common::FlyInfo info = flyInfo.load();
     brake->setFlyInfo(info);
     if (brake->meetSpeed()) {
         stereo->setPitch(info.pitch);
         stereo->compute(left, right, disparity, 0);
+        stages->mark(StageTrace::MATCHED);
         brake->setDisparity(disparity, reader->getQ());
     } else {
         brake->reset();
     }
+    stages->mark(StageTrace::CHAINED);
     frameReady->post();
+    stages->mark(StageTrace::POSTED);
 
     brake->getTargetRegionFromBrake(cv::Vec3f(targetRegion[0], targetRegion[1], targetRegion[2]));
     std::vector<std::string> columns = brake->getLogline();
@@ -268,10 +274,13 @@ void DroneBino::runPass(cv::Mat& left, cv::Mat& right, cv::Mat& disparity)
     logger->writeLog(columns);
     const std::vector<cv::Point2f> area = brake->getFrountArea();
     logger->writeImage(left, right, disparity, area);
+    stages->mark(StageTrace::RECORDED);
     brake->update();
     if (server->isConnected.load(std::memory_order_relaxed)) {
         sendToSever(*server, left, right, disparity, area, brake->getDistance());
     }
+    stages->mark(StageTrace::STREAMED);
+    stages->end();
 }
 
 float DroneBino::getDistance()

@@ -27,6 +27,7 @@
 #include "common.h"
 #include "imagereader.h"
 #include "server.h"
+#include "stagetrace.h"
 #include "stereomatcher.h"
 #include "stoppablethread.h"
 #include "unnamedsemaphore.h"
@@ -123,6 +124,7 @@ private:
     /// false once the worker is asked to stop.
     bool waitWhileSensingOff();
 
-    bool unitClaimed = false;  ///< holds a claim on the stereo unit's size
-    StoppableThread worker;    ///< declared last: stopped before the parts go
+    bool unitClaimed = false;            ///< holds a claim on the stereo unit's size
+    std::unique_ptr<StageTrace> stages;  ///< created by the worker; off unless asked for
+    StoppableThread worker;              ///< declared last: stopped before the parts go
 };

@@ -86,6 +86,86 @@ TEST(CamsimOptions, ParsesGoodAndRejectsBadArguments)
     }
 }
 
+// The wall that comes and goes: the options that ask for it, the motion as a
+// triangle wave between the two distances, and the rounded, cached frames.
+TEST(CamsimOptions, BounceStepAndTruth)
+{
+    camsim::Options options;
+    std::string error;
+    ASSERT_EQ(parse("--distance 15 --min-distance 2 --speed 1.5 --bounce --step 0.05 --truth t.txt", options, error),
+              camsim::ParseResult::Run)
+        << error;
+    EXPECT_EQ(std::make_tuple(options.bounce, options.stepM, options.truthFile),
+              std::make_tuple(true, 0.05, std::string("t.txt")));
+    const std::pair<const char*, const char*> bad[] = {
+        {"--bounce --distance 5", "--bounce needs --speed"},
+        {"--bounce --speed 1 --distance 1 --min-distance 2", "--bounce needs"},
+        {"--bounce=1", "takes no value"},
+        {"--step -1", "--step"},
+        {"--truth=", "--truth expects a file name"},
+    };
+    for (const auto& [args, expected] : bad) {
+        SCOPED_TRACE(args);
+        camsim::Options fresh;
+        error.clear();
+        EXPECT_EQ(parse(args, fresh, error), camsim::ParseResult::Error);
+        EXPECT_NE(error.find(expected), std::string::npos) << error;
+    }
+}
+
+TEST(CamsimSources, ObstacleDistanceOverTime)
+{
+    const struct {
+        double start, speed, min;
+        bool bounce;
+        double t, expected;
+    } cases[] = {
+        {15, 1.5, 2, false, 0, 15},
+        {15, 1.5, 2, false, 4, 9},
+        {15, 1.5, 2, false, 100, 2},
+        {15, 1.5, 2, true, 0, 15},
+        {15, 1.5, 2, true, 4, 9},
+        {15, 1.5, 2, true, 26.0 / 3.0, 2},
+        {15, 1.5, 2, true, 10, 4},
+        {15, 1.5, 2, true, 52.0 / 3.0, 15},
+        {15, 1.5, 2, true, 52.0 / 3.0 + 4, 9},
+        {15, 0, 2, true, 50, 15},
+        {0, 1.5, 2, true, 5, 0},
+        {15, 1.5, 2, true, -1, 15},
+        {1, 1, 2, true, 5, 1},  // starts inside the minimum: stays
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(::testing::Message()
+                     << c.start << " " << c.speed << " " << c.min << " " << c.bounce << " t " << c.t);
+        EXPECT_NEAR(camsim::obstacleDistanceAt(c.start, c.speed, c.min, c.bounce, c.t), c.expected, 1e-9);
+    }
+}
+
+// Rounded distances are exact multiples of the step, and a pair taken from
+// the cache equals a fresh rendering of its distance, also after other
+// distances were rendered in between.
+TEST(CamsimSources, SteppedSceneReusesExactPairs)
+{
+    camsim::Options options;
+    std::string error;
+    ASSERT_EQ(parse("--distance 6 --min-distance 2 --speed 1 --bounce --step 0.5", options, error),
+              camsim::ParseResult::Run);
+    auto source = camsim::makeSource(options, error);
+    ASSERT_NE(source, nullptr) << error;
+    cv::Mat left, right;
+    for (double t : {0.0, 0.3, 1.0, 2.2, 4.0, 7.8, 8.0}) {
+        SCOPED_TRACE(t);
+        ASSERT_TRUE(source->next(t, left, right));
+        const double expected = std::round(camsim::obstacleDistanceAt(6, 1, 2, true, t) / 0.5) * 0.5;
+        ASSERT_DOUBLE_EQ(source->distanceM(), expected);
+        scene::SceneLayout layout;
+        layout.obstacleM = expected;
+        cv::Mat fresh[2];
+        scene::renderPair(camsim::rigOf(options), layout, fresh[0], fresh[1]);
+        EXPECT_EQ(cv::countNonZero(left != fresh[0]) + cv::countNonZero(right != fresh[1]), 0);
+    }
+}
+
 // The source a command line selects, or null with `error` set.
 std::unique_ptr<camsim::FrameSource> sourceOf(const std::string& line, std::string& error)
 {

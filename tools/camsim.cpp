@@ -83,6 +83,17 @@ void waitForEmptyRing(int key, std::chrono::milliseconds limit)
     shmdt(address);
 }
 
+// The nearest surface of the frame just rendered, m: the obstacle, or the
+// background plane when the scene has none; -1 when the source cannot tell.
+double nearestM(const camsim::Options& options, const camsim::FrameSource& source)
+{
+    const double obstacle = source.distanceM();
+    if (options.source == camsim::SourceKind::Scene && obstacle == 0.0) {
+        return options.backgroundM;
+    }
+    return obstacle;
+}
+
 bool inRun(uint64_t frame, uint64_t period, uint64_t length) { return period > 0 && frame % period >= period - length; }
 
 }  // namespace
@@ -118,6 +129,16 @@ int main(int argc, char** argv)
     if (!source) {
         std::fprintf(stderr, "camsim: %s\n", error.c_str());
         return 1;
+    }
+
+    // Truth lines are flushed one by one so a reader sees each frame at once.
+    std::FILE* truth = nullptr;
+    if (!options.truthFile.empty()) {
+        truth = std::fopen(options.truthFile.c_str(), "a");
+        if (truth == nullptr) {
+            std::fprintf(stderr, "camsim: cannot write %s\n", options.truthFile.c_str());
+            return 1;
+        }
     }
 
     installSignalHandlers();
@@ -169,6 +190,10 @@ int main(int argc, char** argv)
         // as with the real camera.
         if (g_queue->SendMessage(message.data(), message.size()) == 0) {
             ++sent;
+            if (truth != nullptr) {
+                std::fprintf(truth, "%llu\t%.4f\n", static_cast<unsigned long long>(stamp), nearestM(options, *source));
+                std::fflush(truth);
+            }
         } else {
             ++dropped;
         }
@@ -194,6 +219,9 @@ int main(int argc, char** argv)
             sentAtReport = sent;
             lastReport = now;
         }
+    }
+    if (truth != nullptr) {
+        std::fclose(truth);
     }
     std::printf("[camsim %s] stopped after %llu frames sent (dropped %llu)\n", label,
                 static_cast<unsigned long long>(sent), static_cast<unsigned long long>(dropped));

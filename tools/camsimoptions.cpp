@@ -64,6 +64,8 @@ bool validate(const Options& options, bool pairGiven, bool replayGiven, std::str
                 " bytes of a message's image area";
     } else if (options.distanceM > 0.0 && options.distanceM >= options.backgroundM) {
         error = "--distance must be nearer than --background";
+    } else if (options.bounce && !(options.speedMps > 0.0 && options.distanceM > options.minDistanceM)) {
+        error = "--bounce needs --speed > 0 and --distance beyond --min-distance";
     } else if (options.darkLength > options.darkPeriod) {
         error = "--dark-length must not exceed --dark-period";
     } else if ((options.pausePeriod == 0) != (options.pauseMs == 0)) {
@@ -166,7 +168,16 @@ ParseResult parseOptions(const std::vector<std::string>& args, Options& options,
         {"--background", positive(options.backgroundM)},
         {"--speed", nonNegative(options.speedMps)},
         {"--min-distance", positive(options.minDistanceM)},
+        {"--step", nonNegative(options.stepM)},
         {"--seed", count(seed, 0)},
+        {"--truth",
+         [&](const std::string& text) -> std::string {
+             if (text.empty()) {
+                 return "expects a file name";
+             }
+             options.truthFile = text;
+             return {};
+         }},
         {"--left", file(options.leftFile, pairGiven)},
         {"--right", file(options.rightFile, pairGiven)},
         {"--yuv-left", file(options.leftFile, replayGiven)},
@@ -198,13 +209,15 @@ ParseResult parseOptions(const std::vector<std::string>& args, Options& options,
         if (option == "--help" || option == "-h") {
             return ParseResult::Help;
         }
-        if (option == "--no-calib" || option == "--calib-only") {
+        if (option == "--no-calib" || option == "--calib-only" || option == "--bounce") {
             if (hasValue) {
                 error = option + " takes no value";
                 return ParseResult::Error;
             }
             if (option == "--no-calib") {
                 options.writeCalibration = false;
+            } else if (option == "--bounce") {
+                options.bounce = true;
             } else {
                 options.calibrationOnly = true;
             }
@@ -261,6 +274,11 @@ fronto-parallel textured obstacle with exact disparity f*B/Z.
   --background M          background distance, m                       [40]
   --speed M/S             obstacle approach speed                      [0]
   --min-distance M        the obstacle stops approaching here          [0.5]
+  --step M                round a moving obstacle's distance to M and keep
+                          each rendered pair for reuse: cheap frames at a
+                          high rate (the truth is the rounded distance) [0: exact]
+  --bounce                the obstacle turns back at --min-distance and again
+                          at --distance, over and over, at --speed
   --seed N                texture seed                                 [1]
 
 Image pair:   --left FILE --right FILE
@@ -268,6 +286,12 @@ Image pair:   --left FILE --right FILE
 Replay:       --yuv-left FILE --yuv-right FILE
   Raw recordings: 8-bit planes of the rotated size (height x width), one after
   another; replay starts over at the end.
+
+Truth:        --truth FILE
+  Appends one line per frame put into the queue: "<stamp>\t<distance>", the
+  frame's timestamp (CLOCK_MONOTONIC, us, as in the message) and the nearest
+  surface of the synthetic scene in m: the obstacle, or the background when
+  there is none (-1 for the other sources).
 
 Faults on purpose:
   --header-size WxH       write WxH as the message's image size

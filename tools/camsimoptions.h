@@ -31,9 +31,12 @@ struct Options {
     double backgroundM = 40.0;
     double speedMps = 0.0;      ///< approach speed of the obstacle, m/s
     double minDistanceM = 0.5;  ///< the obstacle stops approaching here
+    double stepM = 0.0;         ///< a moving obstacle's distance is rounded to this step, m; 0: exact
+    bool bounce = false;        ///< at minDistanceM the obstacle turns back, and again at distanceM
     uint32_t seed = 1;
     std::string leftFile;  ///< image pair, or raw recording with Replay
     std::string rightFile;
+    std::string truthFile;  ///< per sent frame: "<stamp us>\t<obstacle m>"; empty: none
 
     // Faults put into the stream on purpose.
     bool overrideHeader = false;

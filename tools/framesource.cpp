@@ -1,6 +1,7 @@
 #include "framesource.h"
 
 #include <algorithm>
+#include <cmath>
 
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
@@ -26,16 +27,58 @@ bool readPlane(std::ifstream& file, uint64_t frame, cv::Mat& plane)
 
 }  // namespace
 
-SceneSource::SceneSource(const scene::Rig& rig, const scene::SceneLayout& layout, double speedMps, double minDistanceM)
-    : m_rig(rig), m_spec(layout), m_startM(layout.obstacleM), m_speedMps(speedMps), m_minDistanceM(minDistanceM)
+double obstacleDistanceAt(double startM, double speedMps, double minM, bool bounce, double elapsedS)
+{
+    if (!(startM > 0.0 && speedMps > 0.0)) {
+        return startM;
+    }
+    const double span = startM - minM;
+    if (!bounce || span <= 0.0) {
+        return std::max(std::min(startM, minM), startM - speedMps * elapsedS);
+    }
+    // A triangle wave: `travelled` runs over one round trip, out then back.
+    const double travelled = std::fmod(std::max(0.0, speedMps * elapsedS), 2.0 * span);
+    return travelled <= span ? startM - travelled : minM + (travelled - span);
+}
+
+SceneSource::SceneSource(const scene::Rig& rig, const scene::SceneLayout& layout, double speedMps, double minDistanceM,
+                         bool bounce, double stepM)
+    : m_rig(rig),
+      m_spec(layout),
+      m_startM(layout.obstacleM),
+      m_speedMps(speedMps),
+      m_minDistanceM(minDistanceM),
+      m_bounce(bounce),
+      m_stepM(stepM)
 {
 }
 
 bool SceneSource::next(double elapsedS, cv::Mat& left, cv::Mat& right)
 {
-    double distance = m_startM;
-    if (m_startM > 0.0 && m_speedMps > 0.0) {
-        distance = std::max(std::min(m_startM, m_minDistanceM), m_startM - m_speedMps * elapsedS);
+    double distance = obstacleDistanceAt(m_startM, m_speedMps, m_minDistanceM, m_bounce, elapsedS);
+    if (m_stepM > 0.0 && m_speedMps > 0.0 && distance > 0.0) {
+        const long steps = std::lround(distance / m_stepM);
+        distance = std::max(m_stepM, static_cast<double>(steps) * m_stepM);
+        if (!m_rendered || distance != m_spec.obstacleM) {
+            auto cached = m_cache.find(steps);
+            m_spec.obstacleM = distance;
+            if (cached == m_cache.end()) {
+                // Fresh matrices: the current ones may share their data with the cache.
+                m_left = cv::Mat();
+                m_right = cv::Mat();
+                scene::renderPair(m_rig, m_spec, m_left, m_right);
+                if (m_cache.size() < kMaxCached) {
+                    m_cache.emplace(steps, std::make_pair(m_left.clone(), m_right.clone()));
+                }
+            } else {
+                m_left = cached->second.first;
+                m_right = cached->second.second;
+            }
+            m_rendered = true;
+        }
+        left = m_left;
+        right = m_right;
+        return true;
     }
     if (!m_rendered || distance != m_spec.obstacleM) {
         m_spec.obstacleM = distance;
@@ -106,7 +149,8 @@ std::unique_ptr<FrameSource> makeSource(const Options& options, std::string& err
             layout.backgroundM = options.backgroundM;
             layout.obstacleM = options.distanceM;
             layout.seed = options.seed;
-            return std::make_unique<SceneSource>(rig, layout, options.speedMps, options.minDistanceM);
+            return std::make_unique<SceneSource>(rig, layout, options.speedMps, options.minDistanceM, options.bounce,
+                                                 options.stepM);
         }
         case SourceKind::ImagePair: {
             auto source = std::make_unique<ImagePairSource>(options.leftFile, options.rightFile, rig.size);

@@ -3,6 +3,7 @@
 // orientation and size the module works in after its rotation.
 
 #include <fstream>
+#include <map>
 #include <memory>
 #include <string>
 
@@ -26,12 +27,19 @@ public:
     virtual double distanceM() const { return -1.0; }
 };
 
+/// Obstacle distance `elapsedS` after the start, m. Approaches from `startM`
+/// at `speedMps` and stops at `minM`; with `bounce` it turns back there,
+/// turns again at `startM`, and so on. Without motion (start or speed not
+/// positive) it stays at `startM`.
+double obstacleDistanceAt(double startM, double speedMps, double minM, bool bounce, double elapsedS);
+
 /// The synthetic scene, with the obstacle approaching at a constant speed
 /// until it reaches the minimum distance. A pair is rendered again only when
 /// the distance has changed.
 class SceneSource : public FrameSource {
 public:
-    SceneSource(const scene::Rig& rig, const scene::SceneLayout& layout, double speedMps, double minDistanceM);
+    SceneSource(const scene::Rig& rig, const scene::SceneLayout& layout, double speedMps, double minDistanceM,
+                bool bounce = false, double stepM = 0.0);
     bool next(double elapsedS, cv::Mat& left, cv::Mat& right) override;
     double distanceM() const override { return m_spec.obstacleM; }
 
@@ -41,6 +49,12 @@ private:
     double m_startM;
     double m_speedMps;
     double m_minDistanceM;
+    bool m_bounce;
+    double m_stepM;
+    /// Pairs rendered at rounded distances, by distance in steps; at most
+    /// kMaxCached, so memory stays bounded whatever the motion.
+    std::map<long, std::pair<cv::Mat, cv::Mat>> m_cache;
+    static constexpr size_t kMaxCached = 256;
     bool m_rendered = false;
     cv::Mat m_left;
     cv::Mat m_right;
