@@ -1,7 +1,5 @@
 #include "binocular.h"
 
-#include <pthread.h>
-
 #include <array>
 #include <atomic>
 #include <chrono>
