@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs the Debian 12 packages the build, the tests and the tools need,
 # plus the packages named as arguments (e.g. clang for the fuzz build);
-# "display" names the virtual X server for the viewer's window test.
+# "display" names the virtual X server for the viewer's window test, "cross"
+# the AArch64 cross compiler, the user-mode emulator and the root maker.
 # Quiet and quick when everything is already there. Needs root (or sudo).
 set -euo pipefail
 
@@ -14,6 +15,7 @@ packages=(
 for extra in "$@"; do
   case "$extra" in
     display) packages+=(xvfb xauth) ;;
+    cross) packages+=(g++-aarch64-linux-gnu qemu-user-static mmdebstrap dpkg-dev file) ;;
     *) packages+=("$extra") ;;
   esac
 done
