@@ -268,6 +268,8 @@ void DroneBino::runPass(cv::Mat& left, cv::Mat& right, cv::Mat& disparity)
     const std::vector<cv::Point2f> area = brake->getFrountArea();
     logger->writeImage(left, right, disparity, area);
     brake->update();
+    // Relaxed: the flag only saves work when nobody watches; the socket is
+    // taken through the server's atomic shared_ptr, which orders the rest.
     if (server->isConnected.load(std::memory_order_relaxed)) {
         sendToSever(*server, left, right, disparity, area, brake->getDistance());
     }
