@@ -35,6 +35,7 @@ install(FILES ${PROJECT_BINARY_DIR}/binocularConfig.cmake
 # The .pc file finds its prefix from its own directory, so it stays right
 # whatever --prefix the install is given.
 file(RELATIVE_PATH BINO_PC_TO_PREFIX "/prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/prefix")
+string(REGEX REPLACE "/$" "" BINO_PC_TO_PREFIX "${BINO_PC_TO_PREFIX}")
 configure_file(${PROJECT_SOURCE_DIR}/cmake/binocular.pc.in ${PROJECT_BINARY_DIR}/binocular.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/binocular.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT module)
@@ -73,6 +74,7 @@ set(CPACK_PACKAGE_CONTACT "Embedded vision team <vision@localhost>")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "Stereo obstacle sensing for a multirotor companion computer")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_STRIP_FILES ON)
 set(CPACK_COMPONENTS_ALL ${bino_components})
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION misc)
