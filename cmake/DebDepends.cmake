@@ -65,6 +65,11 @@ foreach(component IN LISTS BINO_DEB_COMPONENTS)
   endif()
   string(REGEX MATCH "shlibs:Depends=[^\n]*" _bino_deps "${_bino_out}")
   string(REPLACE "shlibs:Depends=" "" _bino_deps "${_bino_deps}")
+  # Every binary links the C library: no libc6 means the lookup went wrong
+  # (which --ignore-missing-info would otherwise hide).
+  if(NOT _bino_deps MATCHES "(^|, )libc6 ")
+    message(FATAL_ERROR "dpkg-shlibdeps found no C library for ${component}:\n${_bino_out}${_bino_err}")
+  endif()
   set(_bino_all "${_bino_deps}")
   foreach(extra IN LISTS BINO_DEB_EXTRA_${component})
     if(_bino_all)

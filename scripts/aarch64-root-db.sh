@@ -8,6 +8,8 @@ set -euo pipefail
 root="$1"
 info="$root/var/lib/dpkg/info"
 mkdir -p "$info"
+# Layout 1: the files of a Multi-Arch: same package are named pkg:arch.*.
+echo 1 >"$info/format"
 status="$root/var/lib/dpkg/status"
 : >"$status"
 work="$(mktemp -d)"
