@@ -5,7 +5,8 @@
 # (or the environment variable AARCH64_SYSROOT). OpenCV, GoogleTest and Google
 # Benchmark are found in the root only, never on this machine. Test programs
 # run under qemu-aarch64-static with the root as its library prefix, so ctest
-# runs the suite under emulation.
+# runs the suite under emulation, and gtest_discover_tests lists each
+# program's tests under it too.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR aarch64)
 
@@ -17,10 +18,8 @@ if(NOT AARCH64_SYSROOT OR NOT EXISTS "${AARCH64_SYSROOT}/usr/include")
     "(scripts/aarch64-root.sh makes one), got '${AARCH64_SYSROOT}'")
 endif()
 get_filename_component(AARCH64_SYSROOT "${AARCH64_SYSROOT}" REALPATH)
-# try_compile projects read this file again: hand them the root, and keep it
-# in the environment for cmake runs started from the build (gtest discovery).
+# try_compile projects read this file again: hand them the root.
 list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES AARCH64_SYSROOT)
-set(ENV{AARCH64_SYSROOT} "${AARCH64_SYSROOT}")
 
 set(CMAKE_C_COMPILER aarch64-linux-gnu-gcc)
 set(CMAKE_CXX_COMPILER aarch64-linux-gnu-g++)
