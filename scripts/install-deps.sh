@@ -2,7 +2,8 @@
 # Installs the Debian 12 packages the build, the tests and the tools need,
 # plus the packages named as arguments (e.g. clang for the fuzz build);
 # "display" names the virtual X server for the viewer's window test, "plot"
-# the Python plotting library of the record plots (scripts/plot-record.py).
+# the Python plotting library of the record plots (scripts/plot-record.py),
+# "cross" the AArch64 cross compiler, the user-mode emulator and the root maker.
 # Quiet and quick when everything is already there. Needs root (or sudo).
 set -euo pipefail
 
@@ -16,6 +17,7 @@ for extra in "$@"; do
   case "$extra" in
     display) packages+=(xvfb xauth) ;;
     plot) packages+=(python3 python3-matplotlib) ;;
+    cross) packages+=(g++-aarch64-linux-gnu qemu-user-static mmdebstrap dpkg-dev file) ;;
     *) packages+=("$extra") ;;
   esac
 done

@@ -257,6 +257,10 @@ extern "C" {
 int64_t binocularInit(SendInfoCallback callback, uint64_t module)
 {
     BINO_INFO("[BINOLIB] version: %s; Date: %s %s.", kVersion, __DATE__, __TIME__);
+    // Relaxed stores suffice for the handle, the callback and the pipelines:
+    // each is written once, before the reporter threads are created (thread
+    // creation orders everything before it) and before this call returns to
+    // the host, which orders its later calls after that return.
     binoModule.store(module, std::memory_order_relaxed);
     sendInfo.store(callback, std::memory_order_relaxed);
     loadCfg();

@@ -86,6 +86,8 @@ public:
     /// Shifts lastPitch, lastDistanceOri and lastPoseOutlier.
     void update();
     /// distanceFiltered_app, m. Any thread.
+    /// Relaxed: the distance is a single value that guards no other data; the
+    /// reporter reads it after the frame semaphore, which orders the frame.
     float getDistance() const { return distanceFiltered_app.load(std::memory_order_relaxed); }
 
     // Measurement: each writes dis_ori_z and frontArea.

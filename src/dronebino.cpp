@@ -276,6 +276,8 @@ void DroneBino::runPass(cv::Mat& left, cv::Mat& right, cv::Mat& disparity)
     logger->writeImage(left, right, disparity, area);
     stages->mark(StageTrace::RECORDED);
     brake->update();
+    // Relaxed: the flag only saves work when nobody watches; the socket is
+    // taken through the server's atomic shared_ptr, which orders the rest.
     if (server->isConnected.load(std::memory_order_relaxed)) {
         sendToSever(*server, left, right, disparity, area, brake->getDistance());
     }

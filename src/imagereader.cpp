@@ -91,6 +91,9 @@ void rotate90(const cv::Mat& src, cv::Mat& dst, bool clockwise)
 
 void ImageReader::FrameRing::push(QueueData&& frame)
 {
+    // Relaxed: only the producer writes `pushed`. The caller's full() read
+    // `popped` with acquire, so the consumer has finished moving out of this
+    // slot. The release store publishes the slot's matrices with the count.
     uint64_t count = pushed.load(std::memory_order_relaxed);
     slots[count % kCapacity] = std::move(frame);
     pushed.store(count + 1, std::memory_order_release);
@@ -98,6 +101,9 @@ void ImageReader::FrameRing::push(QueueData&& frame)
 
 ImageReader::QueueData ImageReader::FrameRing::pop()
 {
+    // Relaxed: only the consumer writes `popped`. Acquire on `pushed` pairs
+    // with push()'s release, so the slot's matrices are complete when read;
+    // the release store of `popped` hands the emptied slot back.
     uint64_t count = popped.load(std::memory_order_relaxed);
     if (pushed.load(std::memory_order_acquire) == count) {
         return QueueData();
@@ -194,6 +200,8 @@ void ImageReader::shmRun()
     failCount = 0;
     do {
         pollOnce();
+        // Release, read with acquire by pollCount(): whoever sees the count
+        // also sees the status flags and queue state of that poll.
         polls.fetch_add(1, std::memory_order_release);
     } while (worker.sleepFor(kPollPeriod));
 }
@@ -341,6 +349,8 @@ void ImageReader::enableRemap(bool enable) { remapEnabled.store(enable, std::mem
 
 std::pair<int, int> ImageReader::getBinoStatus()
 {
+    // Relaxed: each flag is a value on its own, guarding no other data; a
+    // status read during a poll may be one poll old, as on any machine.
     int hardware = FRAMES_ARRIVING;
     if (noImage.load(std::memory_order_relaxed)) {
         hardware = NO_FRAMES;

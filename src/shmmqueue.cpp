@@ -200,6 +200,8 @@ CMessageQueue::CMessageQueue(unsigned char* shmAddr, eQueueModel model, int shmK
     m_stMemTrunk->size = static_cast<uint32_t>(size);
     m_stMemTrunk->shmId = shmId;
     m_stMemTrunk->queueModel = model;
+    // Emptying the ring: release, so a peer that reads these indexes also
+    // sees the header fields written above.
     storeIndex(m_stMemTrunk->begin, 0);
     storeIndex(m_stMemTrunk->end, 0);
     InitLock();
@@ -236,6 +238,12 @@ void CMessageQueue::InitLock()
 
 unsigned int CMessageQueue::GetDataSize()
 {
+    // Both acquire: the consumer's load of `end` pairs with the producer's
+    // release store, so the bytes up to `end` are visible before they are
+    // read; the producer's load of `begin` pairs with the consumer's release
+    // store, so the consumer's reads of a freed message are complete before
+    // the producer overwrites it (on AArch64 a load may otherwise be
+    // satisfied after a later store to the same bytes became visible).
     uint32_t begin = loadIndex(m_stMemTrunk->begin) & m_nMask;
     uint32_t end = loadIndex(m_stMemTrunk->end) & m_nMask;
     return end >= begin ? end - begin : end + (m_nMask + 1) - begin;
@@ -272,6 +280,8 @@ int CMessageQueue::SendMessage(unsigned char* data, size_t length)
         return -2;
     }
 
+    // `end` is only written by this side (one writer, or under the end lock,
+    // whose semop is a full barrier), so this load sees our own last store.
     const uint32_t end = loadIndex(m_stMemTrunk->end) & m_nMask;
     unsigned char prefix[kLengthPrefixSize];
     std::memcpy(prefix, &length, sizeof prefix);
@@ -284,6 +294,9 @@ int CMessageQueue::SendMessage(unsigned char* data, size_t length)
     if (first < length) {
         std::memcpy(m_pQueueAddr, data + first, length - first);
     }
+    // Release: the prefix and payload stores above become visible to a
+    // reader no later than the `end` that covers them. A camera process
+    // writing into this ring must publish `end` the same way.
     storeIndex(m_stMemTrunk->end, (at + static_cast<uint32_t>(length)) & m_nMask);
     return 0;
 }
@@ -325,10 +338,14 @@ int CMessageQueue::ReadHead(unsigned char* out, HeadMode mode)
                     static_cast<int>(used));
         PrintTrunk();
         if (!peek) {
+            // Dropping everything up to the acquired `end`: nothing is read
+            // after this release store.
             storeIndex(m_stMemTrunk->begin, loadIndex(m_stMemTrunk->end) & m_nMask);
         }
         return -4;
     }
+    // Our own index (one reader, or under the begin lock). The bytes read
+    // below lie before the `end` acquired in GetDataSize, so they are visible.
     const uint32_t begin = loadIndex(m_stMemTrunk->begin) & m_nMask;
     const size_t length = PeekLength(begin);
     // Beyond the bytes behind the prefix, or beyond what SendMessage ever
@@ -347,6 +364,8 @@ int CMessageQueue::ReadHead(unsigned char* out, HeadMode mode)
         CopyOut(at, out, length);
     }
     if (!peek) {
+        // Release: the copy out above is complete before the producer can
+        // see the space as free and overwrite it.
         storeIndex(m_stMemTrunk->begin, (at + static_cast<uint32_t>(length)) & m_nMask);
     }
     return static_cast<int>(length);

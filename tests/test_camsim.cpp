@@ -237,7 +237,7 @@ protected:
     // Starts camsim with its output appended to camsim.out.
     static pid_t spawn(const std::string& line)
     {
-        const std::string command = "exec " CAMSIM_PATH " " + line + " >>camsim.out 2>&1";
+        const std::string command = "exec " BINO_EMULATOR CAMSIM_PATH " " + line + " >>camsim.out 2>&1";
         const pid_t pid = fork();
         if (pid == 0) {
             execl("/bin/sh", "sh", "-c", command.c_str(), static_cast<char*>(nullptr));

@@ -186,7 +186,7 @@ class Camsim {
 public:
     explicit Camsim(const std::string& arguments)
     {
-        const std::string command = "exec " CAMSIM_PATH " " + arguments + " >>camsim.out 2>&1";
+        const std::string command = "exec " BINO_EMULATOR CAMSIM_PATH " " + arguments + " >>camsim.out 2>&1";
         m_pid = fork();
         if (m_pid == 0) {
             execl("/bin/sh", "sh", "-c", command.c_str(), static_cast<char*>(nullptr));
@@ -200,7 +200,7 @@ public:
     }
     static int run(const std::string& arguments)
     {
-        const std::string command = CAMSIM_PATH " " + arguments + " >>camsim.out 2>&1";
+        const std::string command = BINO_EMULATOR CAMSIM_PATH " " + arguments + " >>camsim.out 2>&1";
         return std::system(command.c_str());
     }
 

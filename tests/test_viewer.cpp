@@ -79,7 +79,7 @@ public:
     explicit ViewerProcess(const std::string& arguments) : m_pid(fork())
     {
         if (m_pid == 0) {
-            const std::string command = "exec " VIEWER_PATH " " + arguments + " >viewer.out 2>&1";
+            const std::string command = "exec " BINO_EMULATOR VIEWER_PATH " " + arguments + " >viewer.out 2>&1";
             execl("/bin/sh", "sh", "-c", command.c_str(), static_cast<char*>(nullptr));
             _exit(127);
         }
