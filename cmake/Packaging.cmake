@@ -52,13 +52,20 @@ if(TARGET dpu)
   set(bino_files_stereounit "$<TARGET_FILE:dpu>")
 endif()
 set(bino_tools)
-foreach(tool camsim viewer)
+foreach(tool camsim viewer host)
   if(TARGET ${tool})
     list(APPEND bino_tools ${tool})
   endif()
 endforeach()
 if(bino_tools)
   install(TARGETS ${bino_tools} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+  # Installed under the project's prefix: plain "host" and "viewer" are other
+  # packages' commands (bind9-host ships /usr/bin/host).
+  foreach(tool IN LISTS bino_tools)
+    install(CODE "file(RENAME \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_BINDIR}/${tool}\"
+                       \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_BINDIR}/binocular-${tool}\")"
+            COMPONENT tools)
+  endforeach()
   list(APPEND bino_components tools)
   set(bino_files_tools)
   foreach(tool IN LISTS bino_tools)

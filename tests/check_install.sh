@@ -26,7 +26,7 @@ cc "$here/consumer/consumer.c" -o "$work/consumer-pc" $(pkg-config --cflags --li
 "$work/consumer-pc"
 
 # The tools and the example configuration are installed too.
-for f in bin/camsim bin/viewer share/doc/binocular/examples/binocular.ini; do
+for f in bin/binocular-camsim bin/binocular-viewer bin/binocular-host share/doc/binocular/examples/binocular.ini; do
   [ -e "$prefix/$f" ] || { echo "missing from the install: $f" >&2; exit 1; }
 done
 echo "install checks passed"
