@@ -44,6 +44,7 @@ trap cleanup EXIT
 trap 'exit 130' INT
 trap 'exit 143' TERM
 
+source "$root/scripts/rig.sh"
 status=0
 for matcher in ${LATENCY_MATCHERS:-bm unit}; do
   case "$matcher" in
@@ -53,25 +54,14 @@ for matcher in ${LATENCY_MATCHERS:-bm unit}; do
   esac
   run="$work/$matcher"
   export BINOCULAR_ROOT="$run" BINOCULAR_STAGE_TRACE="$run/stages"
-  mkdir -p "$run/home/tarnwick/component/vision_cmp" "$run/home/tarnwick/scripts" "$run/run" "$run/stages"
-  awk -v m="$value" '
-    /^\[/ { section = $0 }
-    /^visionSwitch *=/ && section == "[common]" { print "visionSwitch = 1"; next }
-    /^matcher *=/ { print "matcher = " m; next }
-    /^saveImage *=/ { print "saveImage = 0"; next }
-    { print }
-  ' "$root/config/binocular.ini" >"$run/home/tarnwick/component/vision_cmp/binocular.ini"
-  echo 1 >"$run/home/tarnwick/scripts/zlog_count.cfg"
-  front=(--direction front --focal 400 --baseline 300)
-  down=(--direction down --focal 400 --baseline 200)
-  "$build/tools/camsim" "${front[@]}" --calib-only >/dev/null
-  "$build/tools/camsim" "${down[@]}" --calib-only >/dev/null
+  mkdir -p "$run/stages"
+  rig_root "$run" "$root" "$build" "$value" "$value"
   cd "$run"  # the module writes its debug file test.yuv into the working directory
   pids=()
-  "$build/tools/camsim" "${front[@]}" --no-calib --fps "$fps" --distance 15 --min-distance 2 --speed 1.5 \
+  "$build/tools/camsim" "${FRONT_RIG[@]}" --no-calib --fps "$fps" --distance 15 --min-distance 2 --speed 1.5 \
     --bounce --step 0.05 >"$run/camsim-front.log" 2>&1 &
   pids+=("$!")
-  "$build/tools/camsim" "${down[@]}" --no-calib --fps "$fps" --distance 0 --background 2 >"$run/camsim-down.log" 2>&1 &
+  "$build/tools/camsim" "${DOWN_RIG[@]}" --no-calib --fps "$fps" --distance 0 --background 2 >"$run/camsim-down.log" 2>&1 &
   pids+=("$!")
   "$build/tools/host" --json --no-distances --seconds 1 >/dev/null 2>&1 </dev/null || true  # warms the page cache
   "$build/tools/host" --json --seconds "$seconds" >"$run/host.jsonl" 2>"$run/module.log"

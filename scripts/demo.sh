@@ -85,27 +85,11 @@ start() { # start <log> <command...>: in the background, its pid in $pids
   pids+=("$!")
 }
 
-# Configuration: the documented file with sensing on, the front pair on the
+# The documented configuration with sensing on, the front pair on the
 # stereo-unit substitute, the down pair on block matching, raw images once a
-# second at 30 frames per second.
-config="$demo_root/home/tarnwick/component/vision_cmp"
-mkdir -p "$config" "$demo_root/home/tarnwick/scripts" "$demo_root/run"
-awk '
-  /^\[/ { section = $0 }
-  /^visionSwitch *=/ && section == "[common]" { print "visionSwitch = 1"; next }
-  /^matcher *=/ { print "matcher = " (section == "[down]" ? 1 : 0); next }
-  /^saveImage *=/ { print "saveImage = 1"; next }
-  /^saveInterval *=/ { print "saveInterval = 30"; next }
-  { print }
-' "$root/config/binocular.ini" >"$config/binocular.ini"
-echo 1 >"$demo_root/home/tarnwick/scripts/zlog_count.cfg"
-
-# f x B = 120 px m in front (60 px at 2 m, within the unit's 64), 80 px m
-# below (40 px at 2 m, within block matching's 48).
-front_rig=(--direction front --focal 400 --baseline 300)
-down_rig=(--direction down --focal 400 --baseline 200)
-"$build/tools/camsim" "${front_rig[@]}" --calib-only >/dev/null
-"$build/tools/camsim" "${down_rig[@]}" --calib-only >/dev/null
+# second at 30 frames per second; both rigs' calibration.
+source "$root/scripts/rig.sh"
+rig_root "$demo_root" "$root" "$build" 0 1 1 30
 
 cat >"$out/flight.profile" <<'PROFILE'
 # The demo's flight: at the wall at 1.5 m/s while it comes (8.667 s), hovering
@@ -120,9 +104,9 @@ every 5 from 1 version
 PROFILE
 
 cd "$out"  # the module writes its debug file test.yuv into the working directory
-start "$out/camsim-front.log" "$build/tools/camsim" "${front_rig[@]}" --no-calib --fps 30 --distance 15 \
+start "$out/camsim-front.log" "$build/tools/camsim" "${FRONT_RIG[@]}" --no-calib --fps 30 --distance 15 \
   --min-distance 2 --speed 1.5 --bounce --step 0.05 --truth "$out/truth-front.txt"
-start "$out/camsim-down.log" "$build/tools/camsim" "${down_rig[@]}" --no-calib --fps 30 --distance 0 \
+start "$out/camsim-down.log" "$build/tools/camsim" "${DOWN_RIG[@]}" --no-calib --fps 30 --distance 0 \
   --background 2 --truth "$out/truth-down.txt"
 "$build/tools/host" --json --seconds "$seconds" --profile "$out/flight.profile" \
   >"$out/host.jsonl" 2>"$out/module.log" &

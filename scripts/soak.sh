@@ -56,19 +56,8 @@ trap cleanup EXIT
 trap 'exit 130' INT
 trap 'exit 143' TERM HUP
 
-config="$BINOCULAR_ROOT/home/tarnwick/component/vision_cmp"
-mkdir -p "$config" "$BINOCULAR_ROOT/home/tarnwick/scripts" "$BINOCULAR_ROOT/run"
-awk '
-  /^\[/ { section = $0 }
-  /^visionSwitch *=/ && section == "[common]" { print "visionSwitch = 1"; next }
-  /^matcher *=/ { print "matcher = " (section == "[down]" ? 1 : 0); next }
-  { print }
-' "$root/config/binocular.ini" >"$config/binocular.ini"
-echo 1 >"$BINOCULAR_ROOT/home/tarnwick/scripts/zlog_count.cfg"
-front=(--direction front --focal 400 --baseline 300)
-down=(--direction down --focal 400 --baseline 200)
-"$build/tools/camsim" "${front[@]}" --calib-only >/dev/null
-"$build/tools/camsim" "${down[@]}" --calib-only >/dev/null
+source "$root/scripts/rig.sh"
+rig_root "$BINOCULAR_ROOT" "$root" "$build" 0 1
 cat >"$soak/flight.profile" <<'PROFILE'
 0 sensing on
 0 armed 1
@@ -89,8 +78,8 @@ note_exit() { # note_exit <what> <status>: a death by signal (> 128, not our TER
 declare -A camera_pid viewer_pid
 start_camera() {
   local pair="$1" rig
-  if [ "$pair" = front ]; then rig=("${front[@]}" --distance 15 --min-distance 2 --speed 1.5 --bounce --step 0.05)
-  else rig=("${down[@]}" --distance 0 --background 2); fi
+  if [ "$pair" = front ]; then rig=("${FRONT_RIG[@]}" --distance 15 --min-distance 2 --speed 1.5 --bounce --step 0.05)
+  else rig=("${DOWN_RIG[@]}" --distance 0 --background 2); fi
   "$build/tools/camsim" "${rig[@]}" --no-calib --fps 30 >>"$soak/logs/camsim-$pair.log" 2>&1 &
   camera_pid[$pair]=$!
   pids+=("$!")
