@@ -10,16 +10,18 @@ UniqueFd& UniqueFd::operator=(UniqueFd&& other) noexcept
     return *this;
 }
 
-int UniqueFd::release()
+int UniqueFd::release() noexcept
 {
     const int fd = m_fd;
     m_fd = -1;
     return fd;
 }
 
-void UniqueFd::reset(int fd)
+void UniqueFd::reset(int fd) noexcept
 {
     if (m_fd >= 0) {
+        // No retry on EINTR: on Linux the descriptor is released whatever
+        // close() returns, and a retry could close a reused number.
         ::close(m_fd);
     }
     m_fd = fd;

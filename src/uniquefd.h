@@ -16,14 +16,14 @@ public:
     UniqueFd(const UniqueFd&) = delete;
     UniqueFd& operator=(const UniqueFd&) = delete;
 
-    int get() const { return m_fd; }
-    bool isValid() const { return m_fd >= 0; }
+    int get() const noexcept { return m_fd; }
+    bool isValid() const noexcept { return m_fd >= 0; }
 
     /// Gives up ownership without closing; returns the descriptor.
-    int release();
+    int release() noexcept;
 
     /// Closes the owned descriptor (its result is ignored) and owns fd instead.
-    void reset(int fd = -1);
+    void reset(int fd = -1) noexcept;
 
     /// Closes now and reports the result: 0, or -1 with errno set. For a file
     /// that was written, -1 can mean that buffered data did not reach it.
