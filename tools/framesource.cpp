@@ -43,7 +43,7 @@ double obstacleDistanceAt(double startM, double speedMps, double minM, bool boun
 
 SceneSource::SceneSource(const scene::Rig& rig, const scene::SceneLayout& layout, double speedMps, double minDistanceM,
                          bool bounce, double stepM)
-    : m_rig(rig),
+    : m_renderer(rig, layout),
       m_spec(layout),
       m_startM(layout.obstacleM),
       m_speedMps(speedMps),
@@ -63,10 +63,7 @@ bool SceneSource::next(double elapsedS, cv::Mat& left, cv::Mat& right)
             auto cached = m_cache.find(steps);
             m_spec.obstacleM = distance;
             if (cached == m_cache.end()) {
-                // Fresh matrices: the current ones may share their data with the cache.
-                m_left = cv::Mat();
-                m_right = cv::Mat();
-                scene::renderPair(m_rig, m_spec, m_left, m_right);
+                m_renderer.render(distance, m_left, m_right);
                 if (m_cache.size() < kMaxCached) {
                     m_cache.emplace(steps, std::make_pair(m_left.clone(), m_right.clone()));
                 }
@@ -82,7 +79,7 @@ bool SceneSource::next(double elapsedS, cv::Mat& left, cv::Mat& right)
     }
     if (!m_rendered || distance != m_spec.obstacleM) {
         m_spec.obstacleM = distance;
-        scene::renderPair(m_rig, m_spec, m_left, m_right);
+        m_renderer.render(distance, m_left, m_right);
         m_rendered = true;
     }
     left = m_left;

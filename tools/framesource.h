@@ -35,7 +35,7 @@ double obstacleDistanceAt(double startM, double speedMps, double minM, bool boun
 
 /// The synthetic scene, with the obstacle approaching at a constant speed
 /// until it reaches the minimum distance. A pair is rendered again only when
-/// the distance has changed.
+/// the distance has changed; the background is rendered once.
 class SceneSource : public FrameSource {
 public:
     SceneSource(const scene::Rig& rig, const scene::SceneLayout& layout, double speedMps, double minDistanceM,
@@ -44,7 +44,7 @@ public:
     double distanceM() const override { return m_spec.obstacleM; }
 
 private:
-    scene::Rig m_rig;
+    scene::PairRenderer m_renderer;
     scene::SceneLayout m_spec;
     double m_startM;
     double m_speedMps;

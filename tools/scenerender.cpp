@@ -2,10 +2,19 @@
 
 #include <algorithm>
 #include <cmath>
+#include <memory>
 #include <random>
 #include <vector>
 
 namespace scene {
+
+// Each plane's texture is a sum of kWaves unit-amplitude plane waves (below).
+struct Texture {
+    std::vector<double> fx;     // cycles per pixel along x
+    std::vector<double> fy;     // cycles per pixel along y
+    std::vector<double> phase;  // radians
+};
+
 namespace {
 
 constexpr double kTwoPi = 6.283185307179586;
@@ -26,12 +35,6 @@ constexpr double kMaxCycles = 0.22;
 constexpr double kMidGrey = 130.0;
 constexpr double kSwing = 105.0;
 constexpr double kSpread = 1.5;
-
-struct Texture {
-    std::vector<double> fx;     // cycles per pixel along x
-    std::vector<double> fy;     // cycles per pixel along y
-    std::vector<double> phase;  // radians
-};
 
 // Uniform in [0, 1) from the top 53 bits of two draws; std::mt19937 is
 // specified bit-exactly, so the texture of a seed is the same on every platform.
@@ -112,30 +115,47 @@ cv::Rect obstacleExtent(const Rig& rig, const SceneLayout& layout)
     return rect & cv::Rect(cv::Point(0, 0), rig.size);
 }
 
-void renderPair(const Rig& rig, const SceneLayout& layout, cv::Mat& left, cv::Mat& right)
+PairRenderer::PairRenderer(const Rig& rig, const SceneLayout& layout)
+    : m_rig(rig),
+      m_rect(obstacleExtent(rig, layout)),
+      m_obstacle(std::make_shared<Texture>(makeTexture(obstacleSeed(layout.seed))))
 {
     const cv::Rect whole(cv::Point(0, 0), rig.size);
     const Texture background = makeTexture(layout.seed);
-    cv::Mat leftGrey = sample(background, whole, 0.0);
-    cv::Mat rightGrey = sample(background, whole, disparityPx(rig, layout.backgroundM));
-
-    const cv::Rect rect = obstacleExtent(rig, layout);
-    if (layout.obstacleM > 0.0 && !rect.empty()) {
-        const Texture obstacle = makeTexture(obstacleSeed(layout.seed));
-        const double shift = disparityPx(rig, layout.obstacleM);
-        sample(obstacle, rect, 0.0).copyTo(leftGrey(rect));
-        // A right pixel x sees the obstacle exactly when x + shift lies in
-        // [rect.x, rect.x + width): x from ceil(rect.x - shift) up to, not
-        // including, ceil(rect.x + width - shift).
-        const int first = std::max(0, static_cast<int>(std::ceil(rect.x - shift)));
-        const int last = std::min(rig.size.width, static_cast<int>(std::ceil(rect.x + rect.width - shift)));
-        if (last > first) {
-            const cv::Rect seen(first, rect.y, last - first, rect.height);
-            sample(obstacle, seen, shift).copyTo(rightGrey(seen));
-        }
+    sample(background, whole, 0.0).convertTo(m_leftBare, CV_8U);
+    sample(background, whole, disparityPx(rig, layout.backgroundM)).convertTo(m_rightBare, CV_8U);
+    m_leftBare.copyTo(m_leftCovered);
+    if (!m_rect.empty()) {
+        cv::Mat covered = m_leftCovered(m_rect);
+        sample(*m_obstacle, m_rect, 0.0).convertTo(covered, CV_8U);
     }
-    leftGrey.convertTo(left, CV_8U);
-    rightGrey.convertTo(right, CV_8U);
+}
+
+void PairRenderer::render(double obstacleM, cv::Mat& left, cv::Mat& right) const
+{
+    const bool obstacle = obstacleM > 0.0 && !m_rect.empty();
+    // Fresh matrices, so no caller ever shares (and could change) the parts kept here.
+    left = (obstacle ? m_leftCovered : m_leftBare).clone();
+    right = m_rightBare.clone();
+    if (!obstacle) {
+        return;
+    }
+    const double shift = disparityPx(m_rig, obstacleM);
+    // A right pixel x sees the obstacle exactly when x + shift lies in
+    // [rect.x, rect.x + width): x from ceil(rect.x - shift) up to, not
+    // including, ceil(rect.x + width - shift).
+    const int first = std::max(0, static_cast<int>(std::ceil(m_rect.x - shift)));
+    const int last = std::min(m_rig.size.width, static_cast<int>(std::ceil(m_rect.x + m_rect.width - shift)));
+    if (last > first) {
+        const cv::Rect seen(first, m_rect.y, last - first, m_rect.height);
+        cv::Mat strip = right(seen);
+        sample(*m_obstacle, seen, shift).convertTo(strip, CV_8U);
+    }
+}
+
+void renderPair(const Rig& rig, const SceneLayout& layout, cv::Mat& left, cv::Mat& right)
+{
+    PairRenderer(rig, layout).render(layout.obstacleM, left, right);
 }
 
 }  // namespace scene

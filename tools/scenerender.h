@@ -10,6 +10,7 @@
 // at x - disparityPx(Z) with no rounding anywhere.
 
 #include <cstdint>
+#include <memory>
 
 #include <opencv2/core.hpp>
 
@@ -39,6 +40,28 @@ double disparityPx(const Rig& rig, double distanceM);
 /// uncovered in one view only (occlusion) is rendered from the background's
 /// texture, as a real camera would see it.
 void renderPair(const Rig& rig, const SceneLayout& layout, cv::Mat& left, cv::Mat& right);
+
+struct Texture;
+
+/// Renders the pairs of one rig and layout for any obstacle distance (the
+/// layout's obstacleM is not used). What does not depend on the distance (the
+/// background in both views, the obstacle in the left one) is rendered once,
+/// so a pair costs one obstacle-sized sample of the right view and two
+/// copies. Each pair is the one renderPair gives for that distance, byte for
+/// byte, in fresh matrices.
+class PairRenderer {
+public:
+    PairRenderer(const Rig& rig, const SceneLayout& layout);
+    void render(double obstacleM, cv::Mat& left, cv::Mat& right) const;
+
+private:
+    Rig m_rig;
+    cv::Rect m_rect;
+    std::shared_ptr<const Texture> m_obstacle;
+    cv::Mat m_leftBare;
+    cv::Mat m_leftCovered;
+    cv::Mat m_rightBare;
+};
 
 /// The obstacle rectangle renderPair uses for layout (the centred default when
 /// layout.obstacleRect is empty), clipped to the image.
