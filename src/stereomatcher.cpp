@@ -133,6 +133,8 @@ void StereoMatcher::initBM()
     bm->setTextureThreshold(5000);
     bm->setUniquenessRatio(20);
     bm->setSmallerBlockSize(0);
+    // One stripe per thread OpenCV runs its parallel work on.
+    stripedBm = std::make_unique<StripedBlockMatcher>(bm, cv::getNumThreads());
 }
 
 void StereoMatcher::initDPU()
@@ -209,7 +211,7 @@ void StereoMatcher::getDisparityBM(cv::Mat& left, cv::Mat& right, cv::Mat& dispa
     cv::Mat raw(left.size(), CV_16S, cv::Scalar(0));  // 1/16 px
     const cv::Rect roi = decideROI(pitch, left.rows, left.cols);
     cv::Mat rawBand = raw(roi);
-    bm->compute(left(roi), right(roi), rawBand);
+    stripedBm->compute(left(roi), right(roi), rawBand);
     // Rounds to whole px; StereoBM's invalid -16 becomes -1.
     raw.convertTo(disparity, CV_16S, 1.0 / kBmFractionScale);
 }

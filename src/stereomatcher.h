@@ -16,6 +16,7 @@
 #include <string>
 
 #include "common.h"
+#include "stripedblockmatcher.h"
 
 class StereoMatcher {
 public:
@@ -69,7 +70,10 @@ public:
     std::unique_ptr<uint16_t[]> hwDisparity;
     /// Decoded disparity in px, same layout. DPU only.
     std::unique_ptr<float[]> disparityBuffer;
-    cv::Ptr<cv::StereoBM> bm;  ///< BM only
+    cv::Ptr<cv::StereoBM> bm;  ///< BM only: the settings
+    /// BM only: computes with bm's settings as they were at initBM, in
+    /// parallel stripes, with bm's very result.
+    std::unique_ptr<StripedBlockMatcher> stripedBm;
     float pitch = 0.0f;
 
     /// Whether the dump of the first front frame is still to be written.

@@ -157,6 +157,34 @@ TEST(StereoMatcherBM, BandHoldsWholePixelsOrMinusOneAndTheRestIsZero)
     }
 }
 
+// Striping is invisible: the parallel stripes give StereoBM's own map with the
+// module's settings, bit for bit, for bands of odd and even height (the
+// pre-filter treats an image's last row by its parity), any stripe count, and
+// scenes whose small patches of another disparity the speckle filter removes.
+TEST(StereoMatcherBM, StripesGiveTheWholeMatchersVeryMap)
+{
+    StereoMatcher matcher(Common::FRONT, StereoMatcher::BM, kRotated);
+    for (cv::Size size : {cv::Size(320, 280), cv::Size(320, 279), cv::Size(161, 131), cv::Size(400, 67)}) {
+        cv::Mat left = noise(size, 7);
+        cv::Mat right = shiftedRight(left, 8);
+        // An 80 px square at 20 px, across the stripes' border, leaves a few
+        // pixels the speckle filter removes.
+        if (size.height >= 100 && size.width >= 200) {
+            const cv::Rect speck(size.width / 2, size.height / 2 - 40, 80, 80);
+            left(speck).copyTo(right(speck - cv::Point(20, 0)));
+        }
+        cv::Mat whole;
+        matcher.bm->compute(left, right, whole);
+        for (int stripes : {2, 3, 8}) {
+            SCOPED_TRACE(::testing::Message() << size << ", " << stripes << " stripes");
+            StripedBlockMatcher striped(matcher.bm, stripes);
+            cv::Mat parts(size, CV_16S, cv::Scalar(12345));
+            striped.compute(left, right, parts);
+            EXPECT_EQ(cv::countNonZero(parts != whole), 0);
+        }
+    }
+}
+
 // NPU and unknown matchers return 0 and leave the output as it was.
 TEST(StereoMatcherReserved, NpuAndUnknownMatchersLeaveTheOutputUntouched)
 {
