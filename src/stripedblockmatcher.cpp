@@ -2,7 +2,64 @@
 
 #include <algorithm>
 
+#if defined(__SANITIZE_THREAD__)
+#define BINO_TSAN 1
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define BINO_TSAN 1
+#endif
+#endif
+#ifdef BINO_TSAN
+extern "C" void __tsan_acquire(void* address);
+extern "C" void __tsan_release(void* address);
+#endif
+
 namespace {
+
+// OpenCV's thread pool synchronises inside a library ThreadSanitizer does not
+// see. These tell it what the pool guarantees: every stripe starts after
+// parallel_for_ is called, and parallel_for_ returns after every stripe ends.
+void poolRelease([[maybe_unused]] void* token)
+{
+#ifdef BINO_TSAN
+    __tsan_release(token);
+#endif
+}
+
+void poolAcquire([[maybe_unused]] void* token)
+{
+#ifdef BINO_TSAN
+    __tsan_acquire(token);
+#endif
+}
+
+// Runs body(0) .. body(count - 1) on the pool. The loop object lives here,
+// not inside OpenCV, so it is destroyed only after the pool's end is seen.
+template <class Body>
+class PoolLoop : public cv::ParallelLoopBody {
+public:
+    explicit PoolLoop(Body& body) : m_body(body) {}
+    void operator()(const cv::Range& range) const override
+    {
+        poolAcquire(const_cast<PoolLoop*>(this));
+        for (int i = range.start; i < range.end; ++i) {
+            m_body(i);
+        }
+        poolRelease(const_cast<PoolLoop*>(this));
+    }
+
+private:
+    Body& m_body;
+};
+
+template <class Body>
+void runInPool(int count, Body&& body)
+{
+    PoolLoop<Body> loop(body);
+    poolRelease(&loop);
+    cv::parallel_for_(cv::Range(0, count), loop, count);
+    poolAcquire(&loop);
+}
 
 cv::Ptr<cv::StereoBM> copyOf(const cv::Ptr<cv::StereoBM>& from)
 {
@@ -65,27 +122,22 @@ void StripedBlockMatcher::compute(const cv::Mat& left, const cv::Mat& right, cv:
     disparity.create(left.size(), CV_16S);
     const int halo = m_halfBlock + 1;
     const int inner = rows - 2 * m_halfBlock;
-    cv::parallel_for_(
-        cv::Range(0, count),
-        [&](const cv::Range& range) {
-            for (int i = range.start; i < range.end; ++i) {
-                // The first and last stripes also own the border rows the
-                // matcher marks invalid, so every row is written once.
-                const int first = i == 0 ? 0 : m_halfBlock + inner * i / count;
-                const int last = i == count - 1 ? rows : m_halfBlock + inner * (i + 1) / count;
-                // An even start gives the last stripe's view the image's
-                // row parity: the pre-filter treats an image's last row one
-                // way for an even and another for an odd number of rows.
-                const int viewFirst = std::max(0, first - halo) & ~1;
-                const int viewLast = std::min(rows, last + halo);
-                cv::Mat& stripe = m_stripeOutputs[static_cast<size_t>(i)];
-                m_stripes[static_cast<size_t>(i)]->compute(left.rowRange(viewFirst, viewLast),
-                                                           right.rowRange(viewFirst, viewLast), stripe);
-                cv::Mat own = disparity.rowRange(first, last);
-                stripe.rowRange(first - viewFirst, last - viewFirst).copyTo(own);
-            }
-        },
-        count);
+    runInPool(count, [&](int i) {
+        // The first and last stripes also own the border rows the matcher
+        // marks invalid, so every row is written once.
+        const int first = i == 0 ? 0 : m_halfBlock + inner * i / count;
+        const int last = i == count - 1 ? rows : m_halfBlock + inner * (i + 1) / count;
+        // An even start gives the last stripe's view the image's row
+        // parity: the pre-filter treats an image's last row one way for an
+        // even and another for an odd number of rows.
+        const int viewFirst = std::max(0, first - halo) & ~1;
+        const int viewLast = std::min(rows, last + halo);
+        cv::Mat& stripe = m_stripeOutputs[static_cast<size_t>(i)];
+        m_stripes[static_cast<size_t>(i)]->compute(left.rowRange(viewFirst, viewLast),
+                                                   right.rowRange(viewFirst, viewLast), stripe);
+        cv::Mat own = disparity.rowRange(first, last);
+        stripe.rowRange(first - viewFirst, last - viewFirst).copyTo(own);
+    });
     if (m_speckleRange >= 0 && m_speckleWindow > 0) {
         // The matcher's own marking of filtered pixels: one below the
         // smallest disparity, in its 1/16 px fixed point.
