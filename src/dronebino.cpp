@@ -248,6 +248,9 @@ void DroneBino::runPass(cv::Mat& left, cv::Mat& right, cv::Mat& disparity)
         return;
     }
     stages->begin(leftTimestamp);
+    const ImageReader::FrameTimes readerTimes = reader->takenFrameTimes();
+    stages->set(StageTrace::POLLED, readerTimes.polledUs);
+    stages->set(StageTrace::QUEUED, readerTimes.queuedUs);
     stages->mark(StageTrace::GOT);
     const Common::FlyInfo info = flyInfo.load();
     brake->setFlyInfo(info);

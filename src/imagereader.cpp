@@ -14,6 +14,7 @@
 #include "framelayout.h"
 #include "littleendian.h"
 #include "paths.h"
+#include "stagetrace.h"
 
 namespace {
 
@@ -231,6 +232,7 @@ void ImageReader::pollOnce()
 
 void ImageReader::processMessage(size_t length)
 {
+    polledUs = StageTrace::nowUs();
     noImage.store(false, std::memory_order_relaxed);
     failCount = 0;
     messageLength = std::min(length, frameBuffer.size());
@@ -324,7 +326,8 @@ void ImageReader::matEnqueue()
     if (frames.full()) {
         return;
     }
-    frames.push(QueueData{left.clone(), right.clone(), leftTimestamp, rightTimestamp});
+    frames.push(QueueData{left.clone(), right.clone(), leftTimestamp, rightTimestamp,
+                          FrameTimes{polledUs, StageTrace::nowUs()}});
     frameReady->post();
 }
 
@@ -338,6 +341,7 @@ int ImageReader::getImageBlock(cv::Mat& leftImage, cv::Mat& rightImage, unsigned
     rightImage = frame.right;
     leftStamp = frame.leftTimestamp;
     rightStamp = frame.rightTimestamp;
+    takenTimes = frame.times;
     return 0;
 }
 

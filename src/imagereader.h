@@ -49,12 +49,20 @@ public:
         CALIB_MISSING = 1,
     };
 
+    /// When the poller took a frame's message out of the queue and when it
+    /// had queued the frame, CLOCK_MONOTONIC microseconds (the camera's clock).
+    struct FrameTimes {
+        uint64_t polledUs = 0;
+        uint64_t queuedUs = 0;
+    };
+
     /// One queued frame: deep copies, so the poller never touches them again.
     struct QueueData {
         cv::Mat left;
         cv::Mat right;
         unsigned long long leftTimestamp = 0;
         unsigned long long rightTimestamp = 0;
+        FrameTimes times;
     };
 
     /// The frame queue: two slots, one producer (the poller, under
@@ -151,6 +159,10 @@ public:
     /// Rectifies left/right in place; without maps the images stay as they are.
     void calibImage();
 
+    /// The times of the frame the last getImageBlock handed out. For the
+    /// caller of getImageBlock only.
+    FrameTimes takenFrameTimes() const { return takenTimes; }
+
     /// Completed polls since the thread started. Lets a caller wait until the
     /// poller has seen what it sent, instead of guessing with sleeps.
     uint64_t pollCount() const { return polls.load(std::memory_order_acquire); }
@@ -198,6 +210,8 @@ private:
     void startThread(void (ImageReader::*body)());
 
     size_t messageLength = 0;  ///< bytes of the message now in frameBuffer
+    uint64_t polledUs = 0;     ///< when the message now in frameBuffer was taken
+    FrameTimes takenTimes;     ///< of the frame getImageBlock handed out last
     std::atomic<uint64_t> polls{0};
     StoppableThread worker;  ///< the source's thread; declared last, stopped first
 };

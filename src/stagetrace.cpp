@@ -33,6 +33,13 @@ void StageTrace::mark(Stage stage)
     }
 }
 
+void StageTrace::set(Stage stage, uint64_t timeUs)
+{
+    if (m_file != nullptr && stage >= 0 && stage < STAGES) {
+        m_times[stage] = timeUs;
+    }
+}
+
 void StageTrace::end()
 {
     if (m_file == nullptr) {

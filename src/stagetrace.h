@@ -3,11 +3,14 @@
 // Off unless the environment variable BINOCULAR_STAGE_TRACE names a
 // directory; then each pipeline appends one line per processed frame to
 // "<directory>/<pair>.stages":
-//   <frame stamp> <got> <matched> <chained> <posted> <recorded> <streamed>
+//   <frame stamp> <polled> <queued> <got> <matched> <chained> <posted>
+//   <recorded> <streamed>
 // the camera's left timestamp, then CLOCK_MONOTONIC microseconds (the
-// camera's clock) when the worker had the frame, had the disparity, had the
-// distance chain's result, had posted the reporter, had written the record
-// and images, and had streamed to the viewer. Thread-bound: the pipeline's
+// camera's clock) when the poller took the message from the queue, when it
+// had queued the rotated, rectified and clipped frame, and when the worker
+// had the frame, had the disparity, had the distance chain's result, had
+// posted the reporter, had written the record and images, and had streamed
+// to the viewer. Thread-bound: the pipeline's
 // worker only.
 
 #include <array>
@@ -17,7 +20,7 @@
 
 class StageTrace {
 public:
-    enum Stage { GOT, MATCHED, CHAINED, POSTED, RECORDED, STREAMED, STAGES };
+    enum Stage { POLLED, QUEUED, GOT, MATCHED, CHAINED, POSTED, RECORDED, STREAMED, STAGES };
 
     static constexpr const char* kVariable = "BINOCULAR_STAGE_TRACE";
 
@@ -34,6 +37,9 @@ public:
     void begin(unsigned long long frameStamp);
     /// Notes that `stage` is done now.
     void mark(Stage stage);
+    /// Notes that `stage` was done at `timeUs` (nowUs()'s clock), for stages
+    /// another thread timed.
+    void set(Stage stage, uint64_t timeUs);
     /// Writes the frame's line (stages not marked read 0) and flushes it.
     void end();
 

@@ -34,7 +34,7 @@ public:
     int stripesFor(int rows) const;
 
 private:
-    cv::Ptr<cv::StereoBM> m_whole;                ///< all settings; images too short to split
+    cv::Ptr<cv::StereoBM> m_whole;                 ///< all settings; images too short to split
     std::vector<cv::Ptr<cv::StereoBM>> m_stripes;  ///< same settings, speckle filter off
     std::vector<cv::Mat> m_stripeOutputs;
     cv::Mat m_speckleBuffer;

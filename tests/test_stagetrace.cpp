@@ -63,6 +63,8 @@ TEST_F(StageTraceTest, OneLinePerFrameInStageOrder)
         StageTrace trace("down");
         ASSERT_TRUE(trace.enabled());
         trace.begin(123456789012ull);
+        trace.set(StageTrace::POLLED, 1);  // timed by another thread
+        trace.set(StageTrace::QUEUED, 2);
         for (StageTrace::Stage stage : {StageTrace::GOT, StageTrace::MATCHED, StageTrace::CHAINED, StageTrace::POSTED,
                                         StageTrace::RECORDED, StageTrace::STREAMED}) {
             trace.mark(stage);
