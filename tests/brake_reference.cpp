@@ -162,13 +162,26 @@ bool highAltitudeMismatch(const cv::Mat& disparity)
     return minimum <= 1e-6 && 0.93 < ratio && ratio < 1.0;
 }
 
+bool sameBits(const cv::Mat& a, const cv::Mat& b)
+{
+    if (a.type() != b.type() || a.size != b.size) {
+        return false;
+    }
+    for (int r = 0; r < a.rows; ++r) {
+        if (std::memcmp(a.ptr(r), b.ptr(r), a.cols * a.elemSize()) != 0) {
+            return false;
+        }
+    }
+    return true;
+}
+
 // setDisparity step by step; `frameTick` is what the clock reads at step 6.
-void setDisparity(Brake& b, const cv::Mat& disparity, const cv::Mat& Q, int64_t frameTick, double ticksPerSecond)
+void setDisparity(Brake& b, const cv::Mat& disparity, const cv::Mat& Q, const cv::Mat& points3d, int64_t frameTick,
+                  double ticksPerSecond)
 {
     b.Q = Q;
     b.imageWidth = disparity.cols;
     b.imageHeight = disparity.rows;
-    const cv::Mat points3d = reproject(disparity, Q);
     if (b.direction == Common::FRONT) {
         measureFront(b, disparity, points3d);
     } else {
@@ -209,7 +222,12 @@ std::string Twin::frame(const Common::FlyInfo& info, const cv::Mat& disparity, c
     time.now += 37;
     if (fast.meetSpeed()) {
         fast.setDisparity(disparity, Q);
-        setDisparity(reference, disparity, Q, time.now, brakemaps::ManualClock::kTicksPerSecond);
+        if (!sameBits(disparity, lastMap) || !sameBits(Q, lastQ)) {
+            lastMap = disparity.clone();
+            lastQ = Q.clone();
+            lastPoints = reproject(disparity, Q);
+        }
+        setDisparity(reference, disparity, Q, lastPoints, time.now, brakemaps::ManualClock::kTicksPerSecond);
     } else {
         fast.reset();
         reference.reset();

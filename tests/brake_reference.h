@@ -31,6 +31,11 @@ public:
     brakemaps::ManualClock time;
     Brake fast;
     Brake reference;
+
+private:
+    // The reference's reprojection of the last map and Q, reused while both
+    // stay the same bit for bit: the tests run many frames on one map.
+    cv::Mat lastMap, lastQ, lastPoints;
 };
 
 }  // namespace brakeref
