@@ -23,9 +23,9 @@ public:
     Twin& operator=(const Twin&) = delete;
 
     /// One pipeline frame on both (flight state, measurement or reset(),
-    /// update()). Returns what differs, bit for bit: every member a record
-    /// column shows, the front area, centre, field of view and filter state;
-    /// empty when nothing does.
+    /// update()). Returns what differs, bit for bit: the raw distance, front
+    /// area, centre, field of view, frame size, timing, mismatch flags and the
+    /// filtered distances; empty when nothing does.
     std::string frame(const Common::FlyInfo& info, const cv::Mat& disparity, const cv::Mat& Q);
 
     brakemaps::ManualClock time;
