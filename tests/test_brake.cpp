@@ -8,7 +8,6 @@
 
 #include <cmath>
 #include <cstring>
-#include <limits>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -283,6 +282,21 @@ TEST(BrakeFilters, FarDistanceAtSteepOrFastRisingPitchIsMovedOnFromTheLastOne)
         const float previous = f.out();
         const float raw = f.frame(55.0, flight(pitch, 2.0f));
         EXPECT_EQ(f.out(), corrected ? smoothed(previous, movedOn(last)) : raw) << name;
+    }
+}
+
+TEST(BrakeFlightState, PitchRateNeedsMoreThan20Milliseconds)
+{
+    // A frame measured within 20 ms of its flight state has no pitch rate, so
+    // a tiny interval cannot fake the fast rise the far-distance filter reads.
+    ManualClock time;
+    Brake brake(kFront, time.clock());
+    for (const auto& [pitch, ms, rate] : {std::tuple(4.0f, 20, 0.0f), std::tuple(-1.0f, 25, 200.0f)}) {
+        brake.setFlyInfo(flight(pitch));
+        time.now += ms;
+        brake.setDisparity(invalidMap(CV_16S, kTall), rigQ(kTall));
+        EXPECT_FLOAT_EQ(brake.pitch_rate, rate);  // |-1 - 4| degrees in 25 ms
+        brake.update();
     }
 }
 
