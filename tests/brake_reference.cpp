@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
-#include <numeric>
 #include <sstream>
 #include <utility>
 #include <vector>
@@ -141,24 +140,22 @@ bool highAltitudeMismatch(const cv::Mat& disparity)
     }
     cv::Mat scaled;
     cv::resize(disparity, scaled, size, 0, 0, cv::INTER_LINEAR);
-    std::vector<int> histogram(1026, 0);
+    // Raw values of 1,026 and above count with 0 (the histogram's bin 0).
+    int zero = 0;
     cv::Mat mask(size, CV_8UC1);
     for (int y = 0; y < size.height; ++y) {
         for (int x = 0; x < size.width; ++x) {
             const uint16_t v = type == CV_16SC1 ? static_cast<uint16_t>(scaled.at<int16_t>(y, x))
                                                 : cv::saturate_cast<uint16_t>(scaled.at<float>(y, x));
-            ++histogram[v < 1026 ? v : 0];
+            zero += v == 0 || v >= 1026 ? 1 : 0;
             mask.at<uint8_t>(y, x) = v >= 65 && v <= 1024 ? 1 : 0;
         }
     }
-    const int zero = histogram[0];
-    const int small = std::accumulate(histogram.begin() + 1, histogram.begin() + 65, 0);
-    const int large = std::accumulate(histogram.begin() + 65, histogram.end(), 0);
     cv::Mat result;
     cv::matchTemplate(mask, cv::Mat(5, 5, CV_8UC1, cv::Scalar(1)), result, cv::TM_SQDIFF);
     double minimum = 0;
     cv::minMaxLoc(result, &minimum);
-    const float ratio = static_cast<float>(zero) / static_cast<float>(zero + small + large);
+    const float ratio = static_cast<float>(zero) / static_cast<float>(size.area());
     return minimum <= 1e-6 && 0.93 < ratio && ratio < 1.0;
 }
 

@@ -2,8 +2,7 @@
 // Test-only: the straightforward reading of Brake's per-frame chain, against
 // which the tests hold the production chain bit for bit. The whole map is
 // reprojected with cv::reprojectImageTo3D and every block is searched pixel
-// by pixel; the mismatch check builds its full histogram and always runs the
-// template search.
+// by pixel; the mismatch check always runs the template search.
 
 #include <string>
 

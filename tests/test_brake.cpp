@@ -124,7 +124,8 @@ TEST(BrakeMismatch, SparseMapWithOneSolidPatchIsAMismatch)
         {"patch of 64", kTall, 0, patch, 64, false},
         {"patch of 1025", kTall, 0, patch, 1025, false},
         {"all zero", kTall, 0, cv::Rect(), 0, false},
-        {"patch too thin for 5 x 5", kTall, 0, cv::Rect(200, 280, 40, 12), 300, false},
+        {"patch on 1026 (read as empty)", kTall, 1026, patch, 300, true},
+        {"patch of 4 x 4 at quarter scale", kTall, 0, cv::Rect(200, 280, 16, 16), 300, false},
         {"patch in a map over 7 % non-zero", kTall, 0, cv::Rect(0, 0, 480, 48), 300, false},
         {"80 x 80 map", cv::Size(80, 80), 0, cv::Rect(20, 20, 20, 20), 300, true},
     };
