@@ -1,12 +1,13 @@
 // Brake's chain against the straightforward reading (brake_reference), bit for
 // bit, on a fixed table: each map kind below at each frame size, both map
-// types and both cameras, through a flight that visits every pitch case. One
-// Twin per type and camera runs the whole table as one sequence, so the
-// filters carry their history from frame to frame, and the 49 degree view,
-// once a 544 x 640 frame was measured, applies to the tall frames after it.
-// The kinds put obstacles on the rules' edges (band limits, point counts of a
-// block and of the centre window, the down grid's border), so a rule that
-// moves in the chain alone shows here. Random maps are fuzz/fuzz_brake.cpp's.
+// types and both cameras, through flights that visit every pitch case; then
+// two kinds under other reprojection matrices. One Twin per type and camera
+// runs the whole table as one sequence, so the filters carry their history
+// from frame to frame, and the 49 degree view, once a 544 x 640 frame was
+// measured, applies to the tall frames after it. The kinds put obstacles on
+// the rules' edges (band limits, point counts of a block and of the centre
+// window, the down grid's border), so a rule that moves in the chain alone
+// shows here. Random maps are fuzz/fuzz_brake.cpp's.
 
 #include <gtest/gtest.h>
 
@@ -90,10 +91,10 @@ cv::Mat scene(Kind kind, int type, cv::Size size, cv::RNG& rng)
                 rng.fill(whole, cv::RNG::UNIFORM, -32768, 32768);
             } else {
                 rng.fill(whole, cv::RNG::UNIFORM, -2.0, 400.0);
-                const float specials[] = {NAN, INFINITY, -INFINITY, FLT_MAX, -FLT_MAX, -0.0f, FLT_TRUE_MIN, 1e30f};
+                const float oddFloats[] = {NAN, INFINITY, -INFINITY, FLT_MAX, -FLT_MAX, -0.0f, FLT_TRUE_MIN, 1e30f};
                 for (int i = 0; i < whole.rows * whole.cols / 10; ++i) {
                     whole.at<float>(rng.uniform(0, whole.rows), rng.uniform(0, whole.cols)) =
-                        specials[rng.uniform(0, 8)];
+                        oddFloats[rng.uniform(0, 8)];
                 }
             }
             map = whole(cv::Rect(cv::Point(5, 2), size));
