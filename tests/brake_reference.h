@@ -2,8 +2,7 @@
 // Test-only: the straightforward reading of Brake's per-frame chain, against
 // which the tests hold the production chain bit for bit. The whole map is
 // reprojected with cv::reprojectImageTo3D and every block is searched pixel
-// by pixel; the mismatch check builds its full histogram and always runs the
-// template search.
+// by pixel; the mismatch check always runs the template search.
 
 #include <string>
 
@@ -23,14 +22,19 @@ public:
     Twin& operator=(const Twin&) = delete;
 
     /// One pipeline frame on both (flight state, measurement or reset(),
-    /// update()). Returns what differs, bit for bit: every member a record
-    /// column shows, the front area, centre, field of view and filter state;
-    /// empty when nothing does.
+    /// update()). Returns what differs, bit for bit: the raw distance, front
+    /// area, centre, field of view, frame size, timing, mismatch flags and the
+    /// filtered distances; empty when nothing does.
     std::string frame(const Common::FlyInfo& info, const cv::Mat& disparity, const cv::Mat& Q);
 
     brakemaps::ManualClock time;
     Brake fast;
     Brake reference;
+
+private:
+    // The reference's reprojection of the last map and Q, reused while both
+    // stay the same bit for bit: the tests run many frames on one map.
+    cv::Mat lastMap, lastQ, lastPoints;
 };
 
 }  // namespace brakeref
