@@ -149,31 +149,16 @@ Bytes traffic(uint32_t writer, uint32_t seq, size_t minLength, size_t maxLength)
 
 }  // namespace
 
-TEST(QueueRounding, HighestBitAndPowerOfTwoRounding)
-{
-    // {n, Fls(n), RoundupPowofTwo(n)}: beyond 2^30 a capacity cannot be represented, so 0, not garbage.
-    const unsigned long cases[][3] = {{0, 0, 0},
-                                      {1, 1, 1},
-                                      {4, 3, 4},
-                                      {1UL << 32, 33, 0},
-                                      {kFrameRequest, 20, kBigRing},
-                                      {(1UL << 30) + 1, 31, 0},
-                                      {1UL << 30, 31, 1UL << 30}};
-    for (const auto& [n, bit, up] : cases) {
-        EXPECT_EQ(CMessageQueue::Fls(n), static_cast<int>(bit)) << n;
-        EXPECT_EQ(CMessageQueue::RoundupPowofTwo(n), up) << n;
-    }
-    EXPECT_FALSE(CMessageQueue::IsPowerOfTwo(0));
-    EXPECT_TRUE(CMessageQueue::IsPowerOfTwo(kBigRing));
-    EXPECT_FALSE(CMessageQueue::IsPowerOfTwo(kFrameRequest));
-}
-
+// A request that is no power of two is rounded up to one; none can exceed
+// 2^30 bytes (the ring's 32-bit indexes).
 TEST(QueueSegment, FrameRequestMakesPaddedHeaderAndRoundedRing)
 {
     const int key = testsupport::uniqueKey();
     SysvGuard guard{key};
     EXPECT_EQ(CMessageQueue::CreateInstance(key, 0, shmmqueue::SINGLE_READER_SINGLE_WRITER), nullptr);
-    EXPECT_EQ(CMessageQueue::CreateInstance(key, (1UL << 31) + 5, shmmqueue::SINGLE_READER_SINGLE_WRITER), nullptr);
+    for (size_t tooBig : {(1UL << 30) + 1, (1UL << 31) + 5, 1UL << 32}) {
+        EXPECT_EQ(CMessageQueue::CreateInstance(key, tooBig, shmmqueue::SINGLE_READER_SINGLE_WRITER), nullptr);
+    }
 
     auto queue = makeQueue(key, kFrameRequest, shmmqueue::MULTI_READER_MULTI_WRITER);
     ASSERT_NE(queue, nullptr);

@@ -30,10 +30,7 @@ ScratchRoot::ScratchRoot()
     }
     m_path = pattern;
     m_oldCwd = fs::current_path().string();
-    if (const char* old = std::getenv(paths::kRootVariable)) {
-        m_oldRoot = old;
-    }
-    setenv(paths::kRootVariable, m_path.c_str(), 1);
+    m_root = std::make_unique<ScopedEnv>(paths::kRootVariable, m_path.c_str());
     fs::current_path(m_path);
 }
 
@@ -41,11 +38,7 @@ ScratchRoot::~ScratchRoot()
 {
     std::error_code ignored;
     fs::current_path(m_oldCwd, ignored);
-    if (m_oldRoot) {
-        setenv(paths::kRootVariable, m_oldRoot->c_str(), 1);
-    } else {
-        unsetenv(paths::kRootVariable);
-    }
+    m_root.reset();
     fs::remove_all(m_path, ignored);
 }
 

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <functional>
 #include <initializer_list>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -31,7 +32,7 @@ public:
 private:
     std::string m_path;
     std::string m_oldCwd;
-    std::optional<std::string> m_oldRoot;  // unset when the variable was
+    std::unique_ptr<class ScopedEnv> m_root;
 };
 
 /// Removes the shared-memory segment at each key and the semaphore sets at
