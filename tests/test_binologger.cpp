@@ -32,12 +32,6 @@ std::time_t at(int hour, int minute, int second)  // local time on 2020-01-15
     return std::mktime(&local);
 }
 
-std::string slurp(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
 void putCounter(const char* text)
 {
     fs::create_directories(fs::path(paths::resolve(paths::kZlogCountFile)).parent_path());
@@ -93,7 +87,7 @@ TEST(BinoLoggerRun, NamesLinesAndRecordedFrames)
         logger.writeLog({"a", "b", "c"});
         logger.writeLog({});
         const std::string run = paths::resolve("/data/log/") + c.stem;
-        EXPECT_EQ(slurp(run + ".log"), "h1\th2\t\na\tb\tc\t\n\n");
+        EXPECT_EQ(testsupport::readFile(run + ".log"), "h1\th2\t\na\tb\tc\t\n\n");
         for (int frame = 1; frame <= c.calls; ++frame) {
             logger.writeImage(image(frame), image(100 + frame), image(0), {});
         }
@@ -101,8 +95,8 @@ TEST(BinoLoggerRun, NamesLinesAndRecordedFrames)
         EXPECT_EQ(fs::exists(run), c.saveImage != 0);
         EXPECT_EQ(fs::exists(run + "/gray_4x3_disparity.yuv") && fs::is_empty(run + "/gray_4x3_disparity.yuv"),
                   c.saveImage != 0);
-        EXPECT_EQ(slurp(run + "/gray_4x3_left.yuv"), frames(c.recorded));
-        EXPECT_EQ(slurp(run + "/gray_4x3_right.yuv"), frames(c.recorded, 100));
+        EXPECT_EQ(testsupport::readFile(run + "/gray_4x3_left.yuv"), frames(c.recorded));
+        EXPECT_EQ(testsupport::readFile(run + "/gray_4x3_right.yuv"), frames(c.recorded, 100));
         EXPECT_EQ(logger.imageCounter, c.saveImage ? c.calls % std::max(c.saveInterval, 1) : 0);
         const std::string prefix = c.direction == Common::FRONT ? "[BINOLIB] [front]" : "[BINOLIB] [down]";
         std::string expected = "40 " + prefix + " BinoLogger saveImage: " + std::to_string(c.saveImage) +
@@ -137,10 +131,10 @@ TEST(BinoLoggerRun, RunsInTheSameSecondShareTheirFiles)
         }
         logger.close();
     }
-    EXPECT_EQ(slurp(front("frontBino_1_10_0_0_1.log")), "H\n0\t\nH\n1\t\n");
-    EXPECT_EQ(slurp(front("frontBino_1_10_0_1_1.log")), "H\n2\t\n");
-    EXPECT_EQ(slurp(front("frontBino_1_10_0_0_1/gray_4x3_left.yuv")), frames({3, 6}));
-    EXPECT_EQ(slurp(front("frontBino_1_10_0_1_1/gray_4x3_left.yuv")), frames({9, 12}));
+    EXPECT_EQ(testsupport::readFile(front("frontBino_1_10_0_0_1.log")), "H\n0\t\nH\n1\t\n");
+    EXPECT_EQ(testsupport::readFile(front("frontBino_1_10_0_1_1.log")), "H\n2\t\n");
+    EXPECT_EQ(testsupport::readFile(front("frontBino_1_10_0_0_1/gray_4x3_left.yuv")), frames({3, 6}));
+    EXPECT_EQ(testsupport::readFile(front("frontBino_1_10_0_1_1/gray_4x3_left.yuv")), frames({9, 12}));
     EXPECT_TRUE(capture.records().empty());
 }
 
@@ -202,7 +196,7 @@ TEST(BinoLoggerDurability, KilledWriterLosesNoCompleteLine)
     for (int line = 0; line < 50; ++line) {
         expected += std::to_string(line) + "\t\n";
     }
-    EXPECT_EQ(slurp(front("frontBino_2_11_0_0_2.log")), expected);
+    EXPECT_EQ(testsupport::readFile(front("frontBino_2_11_0_0_2.log")), expected);
 }
 
 // Files that hit the size limit: each stream says so once per run, the

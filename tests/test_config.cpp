@@ -28,12 +28,6 @@ void put(const char* fixedPath, const std::string& bytes)
     std::ofstream(paths::resolve(fixedPath), std::ios::binary) << bytes;
 }
 
-std::string slurp(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
 /// What body throws: "" for nothing, else the exception's kind and text.
 template <typename Body>
 std::string thrownBy(Body body)
@@ -115,11 +109,11 @@ TEST(ModuleConfig, SavedSwitchReadsBackAndMergesOntoTheOldFile)
 
     fs::create_directories(paths::resolve("/run"));
     saveVisionSwitch();
-    EXPECT_EQ(slurp(path), "[common]\nvisionswitch = 1");
+    EXPECT_EQ(testsupport::readFile(path), "[common]\nvisionswitch = 1");
     put(paths::kVisionSwitchFile,
         "[common]\n; by the host\nVisionSwitch = 0\nnot a line\nother = 3\n\n[front]\nk = 1\n");
     saveVisionSwitch();
-    EXPECT_EQ(slurp(path), "[common]\n; by the host\nVisionSwitch = 1\n\n");
+    EXPECT_EQ(testsupport::readFile(path), "[common]\n; by the host\nVisionSwitch = 1\n\n");
     for (bool value : {false, true, false}) {
         visionSwitch = value;
         saveVisionSwitch();
@@ -177,7 +171,7 @@ TEST(CameraConfig, EveryKeyOfTheSectionIsRequired)
 // its meaning from kKeys and the default, and the module starts with it.
 TEST(CameraConfig, ExampleFileDocumentsTheKeyTable)
 {
-    const std::string text = slurp(BINO_CONFIG_EXAMPLE);
+    const std::string text = testsupport::readFile(BINO_CONFIG_EXAMPLE);
     IniFile example = IniFile::parse(text);
     EXPECT_EQ(example["common"].items().size(), 3u);
     for (const char* section : {"front", "down"}) {

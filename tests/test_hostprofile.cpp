@@ -54,44 +54,28 @@ TEST(HostProfile, ReadsEveryCommand)
     EXPECT_TRUE(profile.events[0].on);
     EXPECT_FALSE(profile.events[7].on);
     EXPECT_DOUBLE_EQ(profile.events[4].values[1], -0.5);
-}
 
-TEST(HostProfile, BuiltInProfileParses)
-{
-    host::Profile profile;
-    std::string error;
-    ASSERT_TRUE(host::parseProfile(host::defaultProfileText(), profile, error)) << error;
-    EXPECT_FALSE(profile.events.empty());
-    EXPECT_EQ(profile.events.front().kind, Kind::Sensing);
+    host::Profile builtIn;
+    ASSERT_TRUE(host::parseProfile(host::defaultProfileText(), builtIn, error)) << error;
+    ASSERT_FALSE(builtIn.events.empty());
+    EXPECT_EQ(builtIn.events.front().kind, Kind::Sensing);
 }
 
 TEST(HostProfile, RefusesMalformedLinesNamingThem)
 {
+    // One line per reason; fuzz_hostprofile covers arbitrary bytes.
     const std::pair<const char*, const char*> bad[] = {
         {"sensing on", "line 1: a line starts with a time"},
-        {"-1 version", "line 1: a line starts with a time"},
         {"nan version", "line 1: a line starts with a time"},
-        {"inf version", "line 1: a line starts with a time"},
-        {"1x version", "line 1: a line starts with a time"},
         {"0 version\n1", "line 2: missing command"},
         {"0 fly", "unknown command 'fly'"},
-        {"0 sensing", "'sensing' takes 1"},
         {"0 sensing maybe", "sensing takes on or off"},
         {"0 version now", "'version' takes 0"},
-        {"0 armed 256", "0..255"},
         {"0 armed 1.5", "0..255"},
-        {"0 armed -1", "0..255"},
-        {"0 height", "'height' takes 1"},
         {"0 height 1e999", "not a finite number"},
-        {"0 pitch abc", "'abc' is not a finite number"},
-        {"0 speed", "'speed' takes 1 to 3"},
         {"0 speed 1 2 3 4", "'speed' takes 1 to 3"},
         {"every 0 version", "period > 0"},
-        {"every -2 version", "period > 0"},
-        {"every", "period > 0"},
-        {"every 1 from", "from takes a time"},
         {"every 1 from -1 version", "from takes a time"},
-        {"every 1 from 2", "missing command"},
         {"every 1 end", "end cannot repeat"},
     };
     for (const auto& [text, expected] : bad) {

@@ -18,16 +18,6 @@ host::ProfileSchedule scheduleOf(const std::string& text)
     return host::ProfileSchedule(profile.events);
 }
 
-// The profile lines of the occurrences due at `elapsedS`.
-std::vector<int> linesDue(host::ProfileSchedule& schedule, double elapsedS)
-{
-    std::vector<int> lines;
-    for (const host::ProfileEvent& event : schedule.takeDue(elapsedS)) {
-        lines.push_back(event.line);
-    }
-    return lines;
-}
-
 TEST(HostSchedule, OnceRepeatingAndTiesInFileOrder)
 {
     host::ProfileSchedule schedule = scheduleOf(
@@ -50,14 +40,13 @@ TEST(HostSchedule, OnceRepeatingAndTiesInFileOrder)
     };
     for (const auto& step : steps) {
         SCOPED_TRACE(step.at);
-        EXPECT_EQ(linesDue(schedule, step.at), step.lines);
+        std::vector<int> lines;
+        for (const host::ProfileEvent& event : schedule.takeDue(step.at)) {
+            lines.push_back(event.line);
+        }
+        EXPECT_EQ(lines, step.lines);
     }
-}
-
-TEST(HostSchedule, EmptyProfileHasNothingDue)
-{
-    host::ProfileSchedule schedule = scheduleOf("# nothing\n");
-    EXPECT_TRUE(schedule.takeDue(1e9).empty());
+    EXPECT_TRUE(scheduleOf("# nothing\n").takeDue(1e9).empty());
 }
 
 }  // namespace

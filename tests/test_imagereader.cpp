@@ -7,6 +7,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <thread>
 
 #include <opencv2/calib3d.hpp>
@@ -24,16 +25,7 @@ constexpr int kWidth = 640;
 constexpr int kHeight = 480;
 constexpr size_t kMessageBytes = 1045312;
 
-template <typename Predicate>
-bool waitFor(Predicate done)
-{
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    bool ok = done();
-    for (; !ok && std::chrono::steady_clock::now() < deadline; ok = done()) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return ok;
-}
+bool waitFor(const std::function<bool()>& done) { return testsupport::waitUntil(done, 20.0); }
 
 // A frame message cut to `length` bytes: header size at 4 and 8, the images at
 // 12 and 522252, each timestamp little-endian over its image's first 8 bytes.

@@ -12,16 +12,6 @@
 
 namespace fs = std::filesystem;
 
-namespace {
-
-std::string slurp(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
-}  // namespace
-
 // Given a file's text, the structure read from it is the one that renders as
 // listed: every section, key and value, nothing else, in order.
 TEST(IniFileSyntax, EachLineKindReadsAsDocumented)
@@ -96,7 +86,7 @@ TEST(IniFileFiles, WriteReplacesTheFileWholeOrNotAtAll)
     std::ofstream("kept.ini") << "; mine\n[common]\nk = 0\n";
     fs::permissions("kept.ini", fs::perms(0600));
     ASSERT_TRUE(ini.write(scratch.path() + "/kept.ini"));
-    const std::string kept = slurp("kept.ini");
+    const std::string kept = testsupport::readFile("kept.ini");
     EXPECT_EQ(kept, "; mine\n[common]\nk = 1\n");
     EXPECT_EQ(fs::status("kept.ini").permissions(), fs::perms(0600));
 
@@ -109,6 +99,6 @@ TEST(IniFileFiles, WriteReplacesTheFileWholeOrNotAtAll)
         std::printf("write=%d\n", big.write("kept.ini"));
     });
     EXPECT_EQ(child.output, "write=0\n");
-    EXPECT_EQ(slurp("kept.ini"), kept);
+    EXPECT_EQ(testsupport::readFile("kept.ini"), kept);
     EXPECT_EQ(std::distance(fs::directory_iterator("."), fs::directory_iterator()), 3);  // dir, new, kept
 }

@@ -6,9 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <dlfcn.h>
-#include <signal.h>
 #include <sys/shm.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -30,7 +28,7 @@
 #include "test_support.h"
 
 namespace fs = std::filesystem;
-using Clock = std::chrono::steady_clock;
+using testsupport::waitUntil;
 
 namespace {
 
@@ -116,19 +114,6 @@ double median(std::vector<double> values)
     return values[values.size() / 2];
 }
 
-// Polls `done` every 10 ms for at most `seconds`.
-bool waitFor(const std::function<bool()>& done, double seconds = 30.0)
-{
-    const auto deadline = Clock::now() + std::chrono::duration<double>(seconds);
-    while (!done()) {
-        if (Clock::now() > deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return true;
-}
-
 struct Module {
     decltype(&binocularInit) init = nullptr;
     decltype(&binocular_getInfoFromVM) getInfo = nullptr;
@@ -180,32 +165,10 @@ void writeConfig(bool sensing, bool enableFront, bool enableDown, const Pair& fr
     std::ofstream(rooted("/home/tarnwick/scripts/zlog_count.cfg")) << "7";
 }
 
-// camsim with its output appended to camsim.out; killed and reaped by the
-// destructor.
-class Camsim {
-public:
-    explicit Camsim(const std::string& arguments)
-    {
-        const std::string command = "exec " BINO_EMULATOR CAMSIM_PATH " " + arguments + " >>camsim.out 2>&1";
-        m_pid = fork();
-        if (m_pid == 0) {
-            execl("/bin/sh", "sh", "-c", command.c_str(), static_cast<char*>(nullptr));
-            _exit(127);
-        }
-    }
-    ~Camsim()
-    {
-        kill(m_pid, SIGTERM);
-        waitpid(m_pid, nullptr, 0);
-    }
-    static int run(const std::string& arguments)
-    {
-        const std::string command = BINO_EMULATOR CAMSIM_PATH " " + arguments + " >>camsim.out 2>&1";
-        return std::system(command.c_str());
-    }
-
-private:
-    pid_t m_pid = -1;
+// camsim with its output appended to camsim.out; ended by the destructor.
+struct Camsim : testsupport::Program {
+    explicit Camsim(const std::string& arguments) : Program(CAMSIM_PATH, arguments, "camsim.out") {}
+    static int run(const std::string& arguments) { return Camsim(arguments).status(); }
 };
 
 // f x B: 120 px·m in front (40, 15 and 8 px at 3, 8 and 15 m), 80 px·m
@@ -219,6 +182,7 @@ std::string sizeOf(const Pair& pair)
     return " --width " + std::to_string(pair.width) + " --height " + std::to_string(pair.height);
 }
 const char* const kDownRig = "--direction down --focal 400 --baseline 200";
+const char* const kThreads[] = {"bino-poll-front\n", "bino-work-front\n", "bino-rep-front\n", "bino-status\n"};
 
 std::vector<std::string> recordFiles()
 {
@@ -316,8 +280,8 @@ TEST_P(ModuleAccuracy, ReportedDistancesFollowTheScene)
             SCOPED_TRACE(truth);
             const size_t linesBefore = recordLines().size();
             Camsim wall(kFrontRig + sizeOf(front) + " --fps 30 --no-calib --distance " + std::to_string(truth));
-            ASSERT_TRUE(waitFor([&] { return recordLines().size() > linesBefore; })) << "front frames resume";
-            ASSERT_TRUE(waitFor([&] { return recordLines().size() > linesBefore + 30; }, 120.0));
+            ASSERT_TRUE(waitUntil([&] { return recordLines().size() > linesBefore; }, 30.0)) << "front frames resume";
+            ASSERT_TRUE(waitUntil([&] { return recordLines().size() > linesBefore + 30; }, 120.0));
             const size_t settled = messages(BINO_MSG_DISTANCE).size() - 20;
             EXPECT_NEAR(median(distances(2, settled)), truth, 0.03 * truth);
             EXPECT_NEAR(median(distances(167, settled)), 2.0, 0.06);
@@ -343,24 +307,17 @@ TEST(ModuleHost, MessagesSwitchAndRecordsAreExact)
         Camsim wall(kFrontRig + sizeOf(kSmallUnit) + " --fps 30 --no-calib --distance 5");
 
         // The module's threads carry names an engineer finds in top -H.
-        const auto threadNames = [] {
-            std::set<std::string> names;
+        EXPECT_TRUE(waitUntil([] {
+            std::string names;  // one per line
             for (const auto& task : fs::directory_iterator("/proc/self/task")) {
-                std::string name;
-                std::getline(std::ifstream(task.path() / "comm"), name);
-                names.insert(name);
+                names += testsupport::readFile(task.path() / "comm");
             }
-            return names;
-        };
-        EXPECT_TRUE(waitFor([&] {
-            const std::set<std::string> names = threadNames();
-            return names.count("bino-poll-front") + names.count("bino-work-front") + names.count("bino-rep-front") +
-                       names.count("bino-status") ==
-                   4;
+            return std::all_of(std::begin(kThreads), std::end(kThreads),
+                               [&](const char* name) { return names.find(name) != std::string::npos; });
         }));
 
         // Given sensing off: status once a second, nothing else.
-        ASSERT_TRUE(waitFor([] { return messages(BINO_MSG_STATUS).size() >= 2; }));
+        ASSERT_TRUE(waitUntil([] { return messages(BINO_MSG_STATUS).size() >= 2; }, 30.0));
         for (const Message& status : messages(BINO_MSG_STATUS)) {
             EXPECT_EQ(status.bytes, std::vector<uint8_t>({status.bytes[0], 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
         }
@@ -384,10 +341,8 @@ TEST(ModuleHost, MessagesSwitchAndRecordsAreExact)
         module.send(HOST_MSG_SENSOR_SWITCH, 1, 0, {0});
         ASSERT_EQ(messages(BINO_MSG_SWITCH_REPLY).size(), 1u);
         EXPECT_EQ(messages(BINO_MSG_SWITCH_REPLY)[0].bytes, std::vector<uint8_t>({0, 0}));
-        std::stringstream persisted;
-        persisted << std::ifstream(rooted("/run/visionSwitch.ini")).rdbuf();
-        EXPECT_EQ(persisted.str(), "[common]\nvisionswitch = 1");
-        ASSERT_TRUE(waitFor([] { return recordLines().size() >= 20; }, 60.0));
+        EXPECT_EQ(testsupport::readFile(rooted("/run/visionSwitch.ini")), "[common]\nvisionswitch = 1");
+        ASSERT_TRUE(waitUntil([] { return recordLines().size() >= 20; }, 60.0));
 
         // Then off: once the pass in progress has ended, reports and record
         // lines stop; on again a second later: a new record file.
@@ -398,7 +353,7 @@ TEST(ModuleHost, MessagesSwitchAndRecordsAreExact)
         EXPECT_EQ(recordLines().size(), linesWhenOff);
         EXPECT_EQ(messages(BINO_MSG_DISTANCE).size(), reportsWhenOff);
         module.send(HOST_MSG_SENSOR_SWITCH, 1, 0, {0});
-        ASSERT_TRUE(waitFor([&] { return recordLines().size() >= linesWhenOff + 10; }, 60.0));
+        ASSERT_TRUE(waitUntil([&] { return recordLines().size() >= linesWhenOff + 10; }, 60.0));
         module.send(HOST_MSG_SENSOR_SWITCH, 1, 0, {1});
         settledLineCount();
         EXPECT_EQ(recordFiles().size(), 2u);
@@ -481,7 +436,7 @@ TEST(ModuleHost, AvoidProcessorAndDisabledPairNeverReport)
         Module module;
         ASSERT_EQ(module.init(onMessage, 42), 0);
         Camsim wall(std::string(kFrontRig) + " --fps 30 --no-calib --distance 5");
-        ASSERT_TRUE(waitFor([] { return messages(BINO_MSG_STATUS).size() >= 3; }));
+        ASSERT_TRUE(waitUntil([] { return messages(BINO_MSG_STATUS).size() >= 3; }, 30.0));
         EXPECT_TRUE(messages(BINO_MSG_DISTANCE).empty());
         const Message status = messages(BINO_MSG_STATUS).back();
         EXPECT_EQ(status.bytes[0], 0) << "frames arriving";

@@ -1,55 +1,26 @@
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-
 #include "paths.h"
+#include "test_support.h"
 
-namespace {
-
-// Sets or clears BINOCULAR_ROOT for one test and restores it afterwards.
-class RootVariable {
-public:
-    explicit RootVariable(const char* value)
-    {
-        if (const char* old = std::getenv(paths::kRootVariable)) {
-            m_old = old;
-            m_had = true;
-        }
-        value ? setenv(paths::kRootVariable, value, 1) : unsetenv(paths::kRootVariable);
-    }
-    ~RootVariable() { m_had ? setenv(paths::kRootVariable, m_old.c_str(), 1) : unsetenv(paths::kRootVariable); }
-
-private:
-    std::string m_old;
-    bool m_had = false;
-};
-
-}  // namespace
-
-TEST(Paths, UnsetOrEmptyRootKeepsTheFixedPathExactly)
+// An unset or empty root keeps the fixed path exactly; a root is prefixed
+// without doubled separators, and "/" is no prefix at all.
+TEST(Paths, RootIsPrefixedToTheFixedPath)
 {
-    {
-        RootVariable root(nullptr);
-        EXPECT_EQ(paths::resolve(paths::kVisionSwitchFile), "/run/visionSwitch.ini");
-    }
-    {
-        RootVariable root("");
-        EXPECT_EQ(paths::resolve(paths::kFrontCalibDir), "/home/linaro/calib/frontBino/");
-    }
-}
-
-TEST(Paths, RootIsPrefixedWithoutDoubledSeparators)
-{
-    {
-        RootVariable root("/tmp/scratch");
-        EXPECT_EQ(paths::resolve(paths::kConfigFile), "/tmp/scratch/home/tarnwick/component/vision_cmp/binocular.ini");
-    }
-    {
-        RootVariable root("/tmp/scratch//");
-        EXPECT_EQ(paths::resolve(paths::kDownLogDir), "/tmp/scratch/data/log/downBino/");
-    }
-    {
-        RootVariable root("/");
-        EXPECT_EQ(paths::resolve(paths::kZlogCountFile), "/home/tarnwick/scripts/zlog_count.cfg");
+    const struct {
+        const char* root;
+        const char* fixed;
+        const char* resolved;
+    } cases[] = {
+        {nullptr, paths::kVisionSwitchFile, "/run/visionSwitch.ini"},
+        {"", paths::kFrontCalibDir, "/home/linaro/calib/frontBino/"},
+        {"/tmp/scratch", paths::kConfigFile, "/tmp/scratch/home/tarnwick/component/vision_cmp/binocular.ini"},
+        {"/tmp/scratch//", paths::kDownLogDir, "/tmp/scratch/data/log/downBino/"},
+        {"/", paths::kZlogCountFile, "/home/tarnwick/scripts/zlog_count.cfg"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.root ? c.root : "(unset)");
+        testsupport::ScopedEnv root(paths::kRootVariable, c.root);
+        EXPECT_EQ(paths::resolve(c.fixed), c.resolved);
     }
 }

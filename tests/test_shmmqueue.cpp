@@ -149,41 +149,19 @@ Bytes traffic(uint32_t writer, uint32_t seq, size_t minLength, size_t maxLength)
 
 }  // namespace
 
-TEST(QueueRounding, HighestBitAndPowerOfTwoRounding)
-{
-    // {n, Fls(n), RoundupPowofTwo(n)}: beyond 2^30 a capacity cannot be represented, so 0, not garbage.
-    const unsigned long cases[][3] = {{0, 0, 0},
-                                      {1, 1, 1},
-                                      {3, 2, 4},
-                                      {4, 3, 4},
-                                      {1UL << 32, 33, 0},
-                                      {kFrameRequest, 20, kBigRing},
-                                      {kBigRing + 1, 21, 2 * kBigRing},
-                                      {1UL << 30, 31, 1UL << 30},
-                                      {(1UL << 30) + 1, 31, 0}};
-    for (const auto& [n, bit, up] : cases) {
-        EXPECT_EQ(CMessageQueue::Fls(n), static_cast<int>(bit)) << n;
-        EXPECT_EQ(CMessageQueue::RoundupPowofTwo(n), up) << n;
-    }
-    EXPECT_FALSE(CMessageQueue::IsPowerOfTwo(0));
-    EXPECT_TRUE(CMessageQueue::IsPowerOfTwo(kBigRing));
-    EXPECT_FALSE(CMessageQueue::IsPowerOfTwo(kFrameRequest));
-}
-
+// A request that is no power of two is rounded up to one; none can exceed
+// 2^30 bytes (the ring's 32-bit indexes).
 TEST(QueueSegment, FrameRequestMakesPaddedHeaderAndRoundedRing)
 {
     const int key = testsupport::uniqueKey();
     SysvGuard guard{key};
     EXPECT_EQ(CMessageQueue::CreateInstance(key, 0, shmmqueue::SINGLE_READER_SINGLE_WRITER), nullptr);
-    EXPECT_EQ(CMessageQueue::CreateInstance(key, (1UL << 31) + 5, shmmqueue::SINGLE_READER_SINGLE_WRITER), nullptr);
+    for (size_t tooBig : {(1UL << 30) + 1, (1UL << 31) + 5, 1UL << 32}) {
+        EXPECT_EQ(CMessageQueue::CreateInstance(key, tooBig, shmmqueue::SINGLE_READER_SINGLE_WRITER), nullptr);
+    }
 
-    std::unique_ptr<CMessageQueue> queue;
-    std::string said = narration(
-        [&] { queue.reset(CMessageQueue::CreateInstance(key, kFrameRequest, shmmqueue::MULTI_READER_MULTI_WRITER)); });
+    auto queue = makeQueue(key, kFrameRequest, shmmqueue::MULTI_READER_MULTI_WRITER);
     ASSERT_NE(queue, nullptr);
-    EXPECT_TRUE(contains(said, "Try to malloc share memory of 1048960 bytes... \n")) << said;
-    EXPECT_TRUE(contains(said, "Successfully alloced share memory block,[key= " + std::to_string(key)));
-    EXPECT_TRUE(contains(said, ", size 1048576, begin 0, end 0, queue module 3 \n")) << said;
 
     // Byte offsets as the camera process reads them.
     RawSegment raw(key);
@@ -205,28 +183,13 @@ TEST(QueueSegment, FrameRequestMakesPaddedHeaderAndRoundedRing)
     EXPECT_EQ(raw.at<uint32_t>(68), 11u);
     ASSERT_EQ(queue->DeleteHeadMessage(), 3);
 
-    // The largest message an empty ring takes is capacity - 16 (8 held back,
-    // 8 of prefix); starting at offset 11, it also wraps.
-    Bytes message = pattern(kBigRing - 16 + 1, 5);
-    EXPECT_EQ(queue->SendMessage(message.data(), message.size()), -2);
-    EXPECT_EQ(queue->GetDataSize(), 0u);
-    EXPECT_EQ(queue->SendMessage(message.data(), kBigRing - 16), 0);
-    Bytes out(kBigRing);
-    ASSERT_EQ(queue->GetMessage(out.data()), static_cast<int>(kBigRing - 16));
-    EXPECT_EQ(std::memcmp(out.data(), message.data(), kBigRing - 16), 0);
-
     // The locked model owns semaphore sets at key + 1 and key + 2.
     EXPECT_NE(semget(key + 1, 0, 0), -1);
     EXPECT_NE(semget(key + 2, 0, 0), -1);
 
-    // Destroying the object removes the segment for everybody; the report
-    // names the id first and the key second.
-    const int id = raw.id;
-    said = narration([&] { queue.reset(); });
+    // Destroying the object removes the segment for everybody.
+    narration([&] { queue.reset(); });
     EXPECT_EQ(shmget(key, 0, 0), -1);
-    EXPECT_TRUE(contains(
-        said, "Remove shared memory [key= " + std::to_string(id) + ",shmId " + std::to_string(key) + "] succeed. \n"))
-        << said;
 }
 
 // A segment of another size is replaced; one of the same size is attached, and
@@ -234,16 +197,10 @@ TEST(QueueSegment, FrameRequestMakesPaddedHeaderAndRoundedRing)
 TEST(QueueSegment, ExistingSegmentIsReplacedOrAttachedAndEmptied)
 {
     const int key = testsupport::uniqueKey();
-    const std::string keyText = std::to_string(key);
     SysvGuard guard{key};
     ASSERT_NE(shmget(key, 1000, IPC_CREAT | IPC_EXCL | 0666), -1);
-    std::unique_ptr<CMessageQueue> producer;
-    std::string said = narration(
-        [&] { producer.reset(CMessageQueue::CreateInstance(key, 4096, shmmqueue::SINGLE_READER_SINGLE_WRITER)); });
+    auto producer = makeQueue(key, 4096);
     ASSERT_NE(producer, nullptr);
-    EXPECT_TRUE(contains(said, "Same shm seg [key= " + keyText + "] exist, now try to attach it... \n"));
-    EXPECT_TRUE(contains(said, "failed,maybe the size of share memory changed,")) << said;
-    EXPECT_TRUE(contains(said, "First remove the exist share memory"));
     EXPECT_EQ(RawSegment(key).segmentSize(), 4096u + 384u);
     // The unlocked model creates no semaphore sets.
     EXPECT_FALSE(producer->IsBeginLock() || producer->IsEndLock());
@@ -252,10 +209,9 @@ TEST(QueueSegment, ExistingSegmentIsReplacedOrAttachedAndEmptied)
 
     shmmqueue::enShmModule module = shmmqueue::SHM_CREATED;
     int shmId = -1;
-    said = narration([&] { shmdt(CMessageQueue::CreateShareMem(key, 4096 + 384, module, shmId)); });
+    narration([&] { shmdt(CMessageQueue::CreateShareMem(key, 4096 + 384, module, shmId)); });
     EXPECT_EQ(module, shmmqueue::SHM_ATTACHED);
     EXPECT_EQ(shmId, shmget(key, 0, 0));
-    EXPECT_TRUE(contains(said, "Attach to share memory [key= " + keyText));
 
     unsigned char payload[100] = {1};
     ASSERT_EQ(producer->SendMessage(payload, sizeof payload), 0);
@@ -266,13 +222,10 @@ TEST(QueueSegment, ExistingSegmentIsReplacedOrAttachedAndEmptied)
     EXPECT_EQ(producer->GetMessage(out), -3);
     ASSERT_EQ(producer->SendMessage(payload, 10), 0);  // one ring, two objects
     EXPECT_EQ(consumer->GetMessage(out), 10);
-
-    // The first destructor removes the segment; the second only reports.
-    said = narration([&] {
+    narration([&] {
         consumer.reset();
-        producer.reset();
+        producer.reset();  // the segment is already gone: only reports
     });
-    EXPECT_TRUE(contains(said, "Error, touch to shm")) << said;
 }
 
 TEST(QueueSegment, FatalSetupPathsEndTheProcessWithTheirStatus)
@@ -281,23 +234,14 @@ TEST(QueueSegment, FatalSetupPathsEndTheProcessWithTheirStatus)
     SysvGuard guard{key};
     shmmqueue::enShmModule module;
     int id;
-    auto negative = testsupport::runInChild([&] { CMessageQueue::CreateShareMem(-5, 4096, module, id); });
-    EXPECT_EQ(negative.exitCode, 255);
-    EXPECT_TRUE(contains(negative.output, "[src/shmmqueue.cpp:")) << negative.output;
-    EXPECT_TRUE(contains(negative.output, "CreateShareMem failed. [key -5]errno:")) << negative.output;
-
+    EXPECT_EQ(testsupport::runInChild([&] { CMessageQueue::CreateShareMem(-5, 4096, module, id); }).exitCode, 255);
     auto zeroSize = testsupport::runInChild([&] { CMessageQueue::CreateShareMem(key, 0, module, id); });
-    EXPECT_EQ(zeroSize.exitCode, 255);
-    EXPECT_TRUE(contains(zeroSize.output, "Alloc share memory failed, [iKey:" + std::to_string(key) + "] , size:0 ,"))
-        << zeroSize.output;
+    EXPECT_EQ(zeroSize.exitCode, 255) << zeroSize.output;
     EXPECT_EQ(shmget(key, 0, 0), -1);  // nothing left behind
-
-    std::string said = narration([&] {
+    narration([&] {
         EXPECT_EQ(CMessageQueue::DestroyShareMem(nullptr, -1), -1);
         EXPECT_EQ(CMessageQueue::DestroyShareMem(nullptr, key), -1);
     });
-    EXPECT_TRUE(contains(said, "Error in ftok"));
-    EXPECT_TRUE(contains(said, "Touch to share memory [key = " + std::to_string(key) + "]... \n"));
 }
 
 // A 256-byte ring seen through both the queue and a raw attachment.
@@ -420,7 +364,6 @@ TEST_F(QueueRing, CorruptRingIsReportedAndEmptied)
                 EXPECT_EQ(drop ? queue->DeleteHeadMessage() : queue->GetMessage(out), -4);
             });
             EXPECT_TRUE(contains(said, c.said)) << said;
-            EXPECT_TRUE(contains(said, "Mem trunk address 0x"));
             EXPECT_EQ(raw->trunk().begin, c.end);
         }
     }

@@ -1,4 +1,5 @@
-// A stop request ends a sleeping or blocked body at once and joins it.
+// A stop request ends a sleeping or blocked body and joins it. A stop that
+// failed to wake a body would hang the test until ctest's timeout.
 
 #include <gtest/gtest.h>
 
@@ -9,14 +10,8 @@
 #include "stoppablethread.h"
 #include "unnamedsemaphore.h"
 
-namespace {
-
-using Clock = std::chrono::steady_clock;
-
-TEST(StoppableThread, StopEndsASleepingOrBlockedBodyPromptly)
+TEST(StoppableThread, StopWakesSleepingAndBlockedBodies)
 {
-    // Given a body that sleeps for an hour and one blocked on a semaphore
-    // that only the wake action posts,
     StoppableThread sleeper;
     std::atomic<int> sleeps{0};
     sleeper.start([&] {
@@ -24,7 +19,7 @@ TEST(StoppableThread, StopEndsASleepingOrBlockedBodyPromptly)
             ++sleeps;
         }
     });
-    StoppableThread waiter;
+    StoppableThread waiter;  // blocked on a semaphore only the wake action posts
     UnnamedSemaphore semaphore;
     std::atomic<bool> waiterLeft{false};
     waiter.start(
@@ -35,31 +30,17 @@ TEST(StoppableThread, StopEndsASleepingOrBlockedBodyPromptly)
             waiterLeft = true;
         },
         [&] { semaphore.post(); });
-
-    // when both are stopped,
-    const auto begin = Clock::now();
     sleeper.stop();
     waiter.stop();
-
-    // then both have returned within well under the sleep, without a wake-up
-    // counted as a completed sleep.
-    EXPECT_LT(Clock::now() - begin, std::chrono::seconds(5));
-    EXPECT_EQ(sleeps.load(), 0);
+    EXPECT_EQ(sleeps.load(), 0) << "a wake-up is no completed sleep";
     EXPECT_TRUE(waiterLeft.load());
-    EXPECT_TRUE(waiter.stopping());
     EXPECT_FALSE(waiter.sleepFor(std::chrono::hours(1)));
     waiter.stop();  // idempotent
-}
 
-TEST(StoppableThread, NeverStartedStopsAtOnceAndStartsOnlyOnce)
-{
-    StoppableThread idle;
+    StoppableThread idle;  // never started
     idle.stop();
     EXPECT_TRUE(idle.stopping());
-
     StoppableThread once;
     once.start([] {});
     EXPECT_THROW(once.start([] {}), std::logic_error);
 }
-
-}  // namespace

@@ -7,9 +7,12 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <stdexcept>
 #include <thread>
 
@@ -27,10 +30,7 @@ ScratchRoot::ScratchRoot()
     }
     m_path = pattern;
     m_oldCwd = fs::current_path().string();
-    if (const char* old = std::getenv(paths::kRootVariable)) {
-        m_oldRoot = old;
-    }
-    setenv(paths::kRootVariable, m_path.c_str(), 1);
+    m_root = std::make_unique<ScopedEnv>(paths::kRootVariable, m_path.c_str());
     fs::current_path(m_path);
 }
 
@@ -38,11 +38,7 @@ ScratchRoot::~ScratchRoot()
 {
     std::error_code ignored;
     fs::current_path(m_oldCwd, ignored);
-    if (m_oldRoot) {
-        setenv(paths::kRootVariable, m_oldRoot->c_str(), 1);
-    } else {
-        unsetenv(paths::kRootVariable);
-    }
+    m_root.reset();
     fs::remove_all(m_path, ignored);
 }
 
@@ -133,10 +129,10 @@ std::vector<unsigned char> streamPacket(uint32_t type, const std::vector<unsigne
     return packet;
 }
 
-bool waitUntil(const std::function<bool()>& condition)
+bool waitUntil(const std::function<bool()>& condition, double seconds)
 {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    for (int i = 0; i < 2000 && std::chrono::steady_clock::now() < deadline; ++i) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+    while (std::chrono::steady_clock::now() < deadline) {
         if (condition()) {
             return true;
         }
@@ -144,6 +140,22 @@ bool waitUntil(const std::function<bool()>& condition)
     }
     return condition();
 }
+
+std::string readFile(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+ScopedEnv::ScopedEnv(const char* name, const char* value) : m_name(name)
+{
+    if (const char* old = std::getenv(name)) {
+        m_old = old;
+    }
+    value ? setenv(name, value, 1) : unsetenv(name);
+}
+
+ScopedEnv::~ScopedEnv() { m_old ? setenv(m_name.c_str(), m_old->c_str(), 1) : unsetenv(m_name.c_str()); }
 
 ChildResult runInChild(const std::function<void()>& body, int timeoutSeconds)
 {
@@ -186,5 +198,39 @@ ChildResult runInChild(const std::function<void()>& body, int timeoutSeconds)
     result.exitCode = result.exited ? WEXITSTATUS(status) : -1;
     return result;
 }
+
+Program::Program(const std::string& program, const std::string& arguments, const std::string& outputFile)
+{
+    const std::string command = "exec " BINO_EMULATOR + program + " " + arguments + " >>" + outputFile + " 2>&1";
+    std::fflush(stdout);
+    std::fflush(stderr);
+    m_pid = fork();
+    if (m_pid == 0) {
+        execl("/bin/sh", "sh", "-c", command.c_str(), static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    if (m_pid < 0) {
+        throw std::runtime_error("fork failed");
+    }
+}
+
+Program::~Program()
+{
+    if (m_status == -1) {
+        signal(SIGTERM);
+        status(true);
+    }
+}
+
+int Program::status(bool block)
+{
+    int raw = 0;
+    if (m_status == -1 && waitpid(m_pid, &raw, block ? 0 : WNOHANG) == m_pid) {
+        m_status = WIFEXITED(raw) ? WEXITSTATUS(raw) : 128 + WTERMSIG(raw);
+    }
+    return m_status;
+}
+
+void Program::signal(int number) const { kill(m_pid, number); }
 
 }  // namespace testsupport

@@ -1,10 +1,13 @@
 #pragma once
 // Shared helpers of the test suite: a scratch root and working directory, a
-// guard that removes System V objects, a log capture and a child-process runner.
+// guard that removes System V objects, a log capture, file and wait helpers,
+// a child-process runner and a runner for the tree's programs.
 
+#include <sys/types.h>
 #include <cstdint>
 #include <functional>
 #include <initializer_list>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -29,7 +32,7 @@ public:
 private:
     std::string m_path;
     std::string m_oldCwd;
-    std::optional<std::string> m_oldRoot;  // unset when the variable was
+    std::unique_ptr<class ScopedEnv> m_root;
 };
 
 /// Removes the shared-memory segment at each key and the semaphore sets at
@@ -74,9 +77,26 @@ private:
 /// head marker, payload length, type, payload, tail marker, little-endian.
 std::vector<unsigned char> streamPacket(uint32_t type, const std::vector<unsigned char>& payload);
 
-/// Polls `condition` every 5 ms until it holds, at most 2000 times and for
-/// at most 10 s; returns its last value.
-bool waitUntil(const std::function<bool()>& condition);
+/// Polls `condition` every 5 ms until it holds or `seconds` have passed;
+/// returns its last value.
+bool waitUntil(const std::function<bool()>& condition, double seconds = 10.0);
+
+/// The whole content of a file, "" when it cannot be read.
+std::string readFile(const std::string& path);
+
+/// Sets an environment variable (nullptr: unsets it) while alive, then
+/// restores its previous state.
+class ScopedEnv {
+public:
+    ScopedEnv(const char* name, const char* value);
+    ~ScopedEnv();
+    ScopedEnv(const ScopedEnv&) = delete;
+    ScopedEnv& operator=(const ScopedEnv&) = delete;
+
+private:
+    std::string m_name;
+    std::optional<std::string> m_old;
+};
 
 struct ChildResult {
     bool exited = false;  ///< ended through exit() rather than a signal
@@ -87,5 +107,26 @@ struct ChildResult {
 /// Runs body in a forked child with stdout and stderr captured; the child
 /// ends with _exit(0) when body returns, or by SIGALRM after timeoutSeconds.
 ChildResult runInChild(const std::function<void()>& body, int timeoutSeconds = 60);
+
+/// A program of the tree started as `program arguments` through /bin/sh,
+/// prefixed with BINO_EMULATOR, its stdout and stderr appended to
+/// `outputFile`. If it still runs when the object goes, it gets SIGTERM and
+/// is reaped.
+class Program {
+public:
+    Program(const std::string& program, const std::string& arguments, const std::string& outputFile);
+    ~Program();
+    Program(const Program&) = delete;
+    Program& operator=(const Program&) = delete;
+
+    /// The exit status, or 128 + signal when killed; -1 while it runs (never
+    /// when `block`).
+    int status(bool block = true);
+    void signal(int number) const;
+
+private:
+    pid_t m_pid;
+    int m_status = -1;
+};
 
 }  // namespace testsupport

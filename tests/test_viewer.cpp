@@ -3,16 +3,12 @@
 // virtual display.
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <memory>
-#include <sstream>
 
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
@@ -72,39 +68,15 @@ void send(Server& server, const Frame& frame)
     }
 }
 
-// The viewer program with `arguments`, its output in viewer.out; killed and
-// reaped if the test ends while it still runs.
-class ViewerProcess {
-public:
-    explicit ViewerProcess(const std::string& arguments) : m_pid(fork())
-    {
-        if (m_pid == 0) {
-            const std::string command = "exec " BINO_EMULATOR VIEWER_PATH " " + arguments + " >viewer.out 2>&1";
-            execl("/bin/sh", "sh", "-c", command.c_str(), static_cast<char*>(nullptr));
-            _exit(127);
-        }
-    }
-    ~ViewerProcess()
-    {
-        if (m_code == -1) {
-            kill(m_pid, SIGKILL);
-            waitpid(m_pid, nullptr, 0);
-        }
-    }
+// The viewer program with `arguments`, its output in viewer.out.
+struct ViewerProcess : testsupport::Program {
+    explicit ViewerProcess(const std::string& arguments) : Program(VIEWER_PATH, arguments, "viewer.out") {}
     /// Waits at most 10 s: the exit status, 128 + signal, or -1 while it runs.
     int exitCode()
     {
-        int status = 0;
-        if (m_code == -1 && waitUntil([&] { return waitpid(m_pid, &status, WNOHANG) == m_pid; })) {
-            m_code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-        }
-        return m_code;
+        waitUntil([&] { return status(false) != -1; });
+        return status(false);
     }
-    void terminate() { kill(m_pid, SIGTERM); }
-
-private:
-    pid_t m_pid;
-    int m_code = -1;
 };
 
 std::string snapshot(int n, const char* image) { return "snaps/frame00000" + std::to_string(n) + "-" + image + ".png"; }
@@ -133,10 +105,9 @@ TEST(Viewer, SnapshotsMatchTheStreamAcrossAModuleRestart)
         ASSERT_TRUE(waitUntil([&] { return std::filesystem::exists(snapshot(n, "view")); }));
     }
     const int code = viewer.exitCode();
-    std::stringstream output;
-    output << std::ifstream("viewer.out").rdbuf();
-    ASSERT_EQ(code, 0) << output.str();
-    EXPECT_NE(output.str().find("disconnected from 127.0.0.1:" + std::to_string(port)), std::string::npos);
+    const std::string output = testsupport::readFile("viewer.out");
+    ASSERT_EQ(code, 0) << output;
+    EXPECT_NE(output.find("disconnected from 127.0.0.1:" + std::to_string(port)), std::string::npos);
 
     for (int n = 1; n <= 6; ++n) {
         SCOPED_TRACE(n);
@@ -213,7 +184,7 @@ TEST(ViewerWindow, ShowsThePairAndTheDisparity)
         return same(screen(cv::Rect(at, picture.size())), picture);
     });
     cv::imwrite(screenshot, screen);
-    viewer.terminate();
+    viewer.signal(SIGTERM);
     EXPECT_TRUE(shown) << "screenshot: " << screenshot;
     EXPECT_EQ(viewer.exitCode(), 0);
 }
