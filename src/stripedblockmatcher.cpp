@@ -111,10 +111,20 @@ int StripedBlockMatcher::stripesFor(int rows) const
     return std::min(static_cast<int>(m_stripes.size()), inner / minOwnRows);
 }
 
+std::atomic<int> StripedBlockMatcher::s_computing{0};
+
 void StripedBlockMatcher::compute(const cv::Mat& left, const cv::Mat& right, cv::Mat& disparity)
 {
+    // Stripes cost a quarter more work in all; they pay only on threads no
+    // other matcher of the process is using at the moment. With every
+    // thread taken, one stripe does the job without the extra work.
+    const int others = s_computing.fetch_add(1, std::memory_order_relaxed);
+    struct Leave {
+        ~Leave() { s_computing.fetch_sub(1, std::memory_order_relaxed); }
+    } leave;
     const int rows = left.rows;
-    const int count = left.size() == right.size() ? stripesFor(rows) : 1;
+    const int idle = static_cast<int>(m_stripes.size()) - others;
+    const int count = left.size() == right.size() ? std::min(stripesFor(rows), std::max(1, idle)) : 1;
     if (count <= 1) {
         m_whole->compute(left, right, disparity);
         return;

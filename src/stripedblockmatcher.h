@@ -13,6 +13,7 @@
 //
 // Thread-bound: one caller at a time (the stripes' matchers keep buffers).
 
+#include <atomic>
 #include <vector>
 
 #include <opencv2/calib3d.hpp>
@@ -25,6 +26,7 @@ public:
     StripedBlockMatcher(const cv::Ptr<cv::StereoBM>& prototype, int stripes);
 
     /// What prototype->compute(left, right, disparity) gives, for any size.
+    /// Uses fewer stripes while other matchers of the process compute.
     /// `disparity` keeps its data when it already has the size and CV_16S
     /// type (a view into a larger map stays a view).
     void compute(const cv::Mat& left, const cv::Mat& right, cv::Mat& disparity);
@@ -34,6 +36,9 @@ public:
     int stripesFor(int rows) const;
 
 private:
+    /// Computes in progress in the process, all matchers together.
+    static std::atomic<int> s_computing;
+
     cv::Ptr<cv::StereoBM> m_whole;                 ///< all settings; images too short to split
     std::vector<cv::Ptr<cv::StereoBM>> m_stripes;  ///< same settings, speckle filter off
     std::vector<cv::Mat> m_stripeOutputs;
