@@ -222,7 +222,10 @@ TEST_P(ModuleAccuracy, ReportedDistancesFollowTheScene)
     });
 }
 
-INSTANTIATE_TEST_SUITE_P(FrontMatcher, ModuleAccuracy, ::testing::Values(0, 1));  // stereo unit, block matching
+INSTANTIATE_TEST_SUITE_P(FrontMatcher, ModuleAccuracy, ::testing::Values(0, 1),
+                         [](const ::testing::TestParamInfo<int>& param) {
+                             return param.param == 0 ? "Unit" : "BlockMatching";
+                         });
 
 // Sensing off at start with the down pair disabled: status only until the host
 // turns sensing on; every outgoing record is byte-exact, and the flight state
