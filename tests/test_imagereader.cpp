@@ -1,13 +1,10 @@
-// The frame reader against the real fixed-key queue and its polling thread, fed
-// messages built here from the documented byte layout.
+// The frame reader on the real fixed-key queue, fed messages built here from the byte layout.
 
 #include <gtest/gtest.h>
 
 #include <chrono>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <functional>
 #include <thread>
 
 #include <opencv2/calib3d.hpp>
@@ -23,9 +20,7 @@ namespace {
 
 constexpr int kWidth = 640;
 constexpr int kHeight = 480;
-constexpr size_t kMessageBytes = 1045312;
-
-bool waitFor(const std::function<bool()>& done) { return testsupport::waitUntil(done, 20.0); }
+constexpr size_t kMessageBytes = framelayout::kMessageBytes;
 
 // A frame message cut to `length` bytes: header size at 4 and 8, the images at
 // 12 and 522252, each timestamp little-endian over its image's first 8 bytes.
@@ -45,18 +40,14 @@ std::vector<unsigned char> message(const cv::Mat& left, const cv::Mat& right, ui
     return bytes;
 }
 
-cv::Mat flat(int value, int width = kWidth, int height = kHeight)
-{
-    return cv::Mat(height, width, CV_8UC1, cv::Scalar(value));
-}
+cv::Mat flat(int value) { return cv::Mat(kHeight, kWidth, CV_8UC1, cv::Scalar(value)); }
 
 constexpr uint64_t kDarkStamp = 0x3737373737373737ull;  // every byte 55: a flat 55 image stays flat
 
-cv::Mat noise(cv::Size size, int below)
+cv::Mat noise(cv::Size size)
 {
     cv::Mat image(size, CV_8UC1);
-    cv::randu(image, 0, below);
-    return image;
+    return cv::randu(image, 0, 256), image;
 }
 
 std::pair<unsigned long long, unsigned long long> stamps(const ImageReader::QueueData& frame)
@@ -70,14 +61,6 @@ cv::Mat turned(std::vector<unsigned char>& bytes, size_t offset, cv::Size size, 
     cv::Mat upright;
     cv::rotate(cv::Mat(size, CV_8UC1, &bytes[offset]), upright, turn);
     return upright;
-}
-
-void writeYaml(const std::string& path, const std::vector<std::pair<std::string, cv::Mat>>& entries)
-{
-    cv::FileStorage file(path, cv::FileStorage::WRITE);
-    for (const auto& entry : entries) {
-        file << entry.first << entry.second;
-    }
 }
 
 // Calibration readers without a frame source.
@@ -94,16 +77,11 @@ void writeRig(Common::Direction direction, double focalPx)
     ASSERT_TRUE(camsim::writeRigCalibration(camsim::calibrationDirectory(direction), rig, error)) << error;
 }
 
-bool isIntegerIdentity(const cv::Mat& q)
-{
-    return q.type() == CV_32S && cv::countNonZero(q != cv::Mat::eye(4, 4, CV_32S)) == 0;
-}
-
 class ImageReaderTest : public ::testing::Test {
 protected:
     testsupport::ScratchRoot root;
     testsupport::SysvGuard guard{framelayout::kFrontQueueKey, framelayout::kDownQueueKey};
-    testsupport::LogCapture log;
+    testsupport::LogCapture log;  // keeps the reader's log lines off the console
     std::unique_ptr<ImageReader> reader;
 
     void start(Common::Direction direction = Common::FRONT, int width = kWidth, int height = kHeight)
@@ -116,9 +94,9 @@ protected:
     void deliver(std::vector<unsigned char> bytes)
     {
         ASSERT_EQ(reader->queue->SendMessage(bytes.data(), bytes.size()), 0);
-        ASSERT_TRUE(waitFor([&] { return reader->queue->GetDataSize() == 0; }));
+        ASSERT_TRUE(testsupport::waitUntil([&] { return reader->queue->GetDataSize() == 0; }));
         const uint64_t seen = reader->pollCount();
-        ASSERT_TRUE(waitFor([&] { return reader->pollCount() > seen; }));
+        ASSERT_TRUE(testsupport::waitUntil([&] { return reader->pollCount() > seen; }));
     }
 
     int queued() { return reader->frameReady->value(); }
@@ -142,7 +120,7 @@ TEST_F(ImageReaderTest, RotatesByDirectionIntoTheUsedSize)
         for (Common::Direction direction : {Common::FRONT, Common::DOWN}) {
             SCOPED_TRACE(Common::binoString(direction) + " " + std::to_string(size.width));
             start(direction, size.width, size.height);
-            std::vector<unsigned char> bytes = message(noise(size, 256), noise(size, 256), 0x0000123456789abcull,
+            std::vector<unsigned char> bytes = message(noise(size), noise(size), 0x0000123456789abcull,
                                                        0x9f9e9d9c9b9a9998ull, size.width, size.height);
             deliver(bytes);
             ImageReader::QueueData frame = take();
@@ -165,14 +143,15 @@ TEST_F(ImageReaderTest, RemapsOnlyWhileEnabled)
     const cv::Mat camera = (cv::Mat_<double>(3, 3) << 300, 0, 240, 0, 300, 320, 0, 0, 1);
     const cv::Mat distortion[] = {(cv::Mat_<double>(1, 5) << -0.2, 0.05, 0, 0, 0),
                                   (cv::Mat_<double>(1, 5) << 0.1, 0, 0, 0, 0)};
-    writeYaml(camsim::calibrationDirectory(Common::FRONT) + "intrinsicsBino.yml",
-              {{"M1", camera}, {"D1", distortion[0]}, {"M2", camera}, {"D2", distortion[1]}});
+    cv::FileStorage yaml(camsim::calibrationDirectory(Common::FRONT) + "intrinsicsBino.yml", cv::FileStorage::WRITE);
+    yaml << "M1" << camera << "D1" << distortion[0] << "M2" << camera << "D2" << distortion[1];
+    yaml.release();
     start();
     const cv::Size sensor(kWidth, kHeight);
-    std::vector<unsigned char> bytes = message(noise(sensor, 256), noise(sensor, 256), 1, 2);
+    std::vector<unsigned char> bytes = message(noise(sensor), noise(sensor), 1, 2);
 
     deliver(bytes);
-    ImageReader::QueueData plain = take();
+    EXPECT_EQ(cv::countNonZero(take().left != cv::min(turned(bytes, 12, sensor, cv::ROTATE_90_CLOCKWISE), 240)), 0);
     reader->enableRemap(true);
     deliver(bytes);
     ImageReader::QueueData rectified = take();
@@ -187,22 +166,17 @@ TEST_F(ImageReaderTest, RemapsOnlyWhileEnabled)
                   cv::INTER_LINEAR);
         EXPECT_EQ(cv::countNonZero((i == 0 ? rectified.left : rectified.right) != cv::min(expected, 240)), 0) << i;
     }
-
-    reader->enableRemap(false);
-    deliver(bytes);
-    EXPECT_EQ(cv::countNonZero(take().left != plain.left), 0);
 }
 
 // No frames (1) from the 100th empty poll until the next message; low light (2)
-// from the 7th frame of left mean 55.0 until a brighter one; 1 outranks 2.
+// from the 7th frame of left mean 55.0 until a brighter one, and such frames
+// are not queued.
 TEST_F(ImageReaderTest, NoImageAndLowLightStatus)
 {
     start();
     while (reader->pollCount() < 100) {
-        const int hardware = reader->getBinoStatus().first;
-        if (reader->pollCount() < 99) {  // so at most 98 polls had ended when status was read
-            ASSERT_EQ(hardware, ImageReader::FRAMES_ARRIVING);
-        }
+        const int hardware = reader->getBinoStatus().first;  // read while at most 98 polls had ended:
+        ASSERT_TRUE(reader->pollCount() >= 99 || hardware == ImageReader::FRAMES_ARRIVING);
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     EXPECT_EQ(reader->getBinoStatus().first, ImageReader::NO_FRAMES);
@@ -217,12 +191,6 @@ TEST_F(ImageReaderTest, NoImageAndLowLightStatus)
     deliver(dark);
     EXPECT_EQ(queued(), 0);
     EXPECT_EQ(reader->getBinoStatus().first, ImageReader::LOW_LIGHT);
-    const uint64_t lastMessage = reader->pollCount();
-    ASSERT_TRUE(waitFor([&] { return reader->pollCount() >= lastMessage + 101; }));
-    EXPECT_EQ(reader->getBinoStatus().first, ImageReader::NO_FRAMES);
-    deliver(dark);
-    EXPECT_EQ(queued(), 0);
-    EXPECT_EQ(reader->getBinoStatus().first, ImageReader::LOW_LIGHT);
 
     cv::Mat barelyBright = flat(55);
     barelyBright(cv::Rect(0, 200, 100, 1)) = 56;  // mean 55.0003
@@ -231,65 +199,11 @@ TEST_F(ImageReaderTest, NoImageAndLowLightStatus)
     EXPECT_EQ(reader->getBinoStatus().first, ImageReader::FRAMES_ARRIVING);
 }
 
-// A consumer thread sees every frame whole and in order while the producer
-// keeps the ring busy: the reader's race check under ThreadSanitizer. The
-// consumer finds the ring empty between frames, and after every fourth frame
-// stalls until both slots are taken, so later frames are dropped.
-TEST_F(ImageReaderTest, ConcurrentConsumerSeesWholeFramesInOrder)
-{
-    start();
-    std::vector<ImageReader::QueueData> received;
-    std::atomic<bool> done{false};
-    int emptySeen = 0;
-    int fullSeen = 0;
-    std::thread consumer([&] {
-        while (!done.load()) {
-            if (reader->frameReady->value() == 0) {
-                ++emptySeen;
-                std::this_thread::sleep_for(std::chrono::microseconds(100));
-                continue;
-            }
-            ImageReader::QueueData frame;
-            reader->getImageBlock(frame.left, frame.right, frame.leftTimestamp, frame.rightTimestamp);
-            received.push_back(frame);
-            // Stalls until both slots are taken and the poller has finished
-            // with one more message, which it had to drop.
-            if (frame.leftTimestamp % 4 == 1 && frame.leftTimestamp < 37 &&
-                waitFor([&] { return reader->frameReady->value() == 2; }) &&
-                waitFor([&] { return reader->queue->GetDataSize() > 0; })) {
-                const uint64_t polled = reader->pollCount();
-                fullSeen += waitFor([&] { return reader->pollCount() >= polled + 2; });
-            }
-        }
-    });
-    for (int frame = 1; frame <= 40; ++frame) {
-        std::vector<unsigned char> bytes = message(flat(60 + frame), flat(120 + frame), frame, frame);
-        ASSERT_TRUE(waitFor([&] { return reader->queue->SendMessage(bytes.data(), bytes.size()) == 0; }));
-    }
-    ASSERT_TRUE(waitFor([&] { return reader->queue->GetDataSize() == 0; }));
-    const uint64_t seen = reader->pollCount();
-    ASSERT_TRUE(waitFor([&] { return reader->pollCount() > seen && reader->frameReady->value() == 0; }));
-    done = true;
-    consumer.join();
-
-    EXPECT_GT(emptySeen, 0);
-    EXPECT_GT(fullSeen, 0);
-    EXPECT_LT(received.size(), 40u) << "a full ring drops frames";
-    uint64_t previous = 0;
-    for (const ImageReader::QueueData& frame : received) {
-        EXPECT_GT(frame.leftTimestamp, previous);
-        previous = frame.leftTimestamp;
-        EXPECT_EQ(cv::countNonZero(frame.left(cv::Rect(0, 8, kHeight, kWidth - 8)) != 60 + int(previous)), 0);
-        EXPECT_EQ(cv::countNonZero(frame.right(cv::Rect(0, 8, kHeight, kWidth - 8)) != 120 + int(previous)), 0);
-    }
-}
-
 // Given two frames waiting, a third is read but dropped without a post; the
 // two oldest come out in order, as copies the poller leaves alone. A message
-// of another width is read through the previous views with the previous
-// (third frame's) stamps; short or zero-size ones are never queued (no stale
-// bytes), nor is anything for a configured size no message can carry.
-TEST_F(ImageReaderTest, KeepsTwoOldestFramesAndRefusesMisfitMessages)
+// one byte short of its right image is never queued (no stale bytes); a whole
+// one is.
+TEST_F(ImageReaderTest, KeepsTwoOldestFramesAndRefusesShortMessages)
 {
     start();
     for (int frame : {1, 2, 3}) {
@@ -303,44 +217,19 @@ TEST_F(ImageReaderTest, KeepsTwoOldestFramesAndRefusesMisfitMessages)
     EXPECT_EQ(stamps(take()), std::pair(2ull, 12ull));
     EXPECT_EQ(queued(), 0);
 
-    deliver(message(flat(150), flat(160), 21, 22, kWidth / 2, kHeight));
-    ASSERT_EQ(log.count("[BINOLIB] [front] shm size do not match bino size!"), 1u);
-    ImageReader::QueueData frame = take();
-    EXPECT_EQ(stamps(frame), std::pair(3ull, 13ull));
-    EXPECT_EQ(frame.left.at<uint8_t>(kWidth / 2, kHeight / 2), 150);
-    EXPECT_EQ(frame.right.at<uint8_t>(kWidth / 2, kHeight / 2), 160);
-
     const size_t complete = 522252 + kWidth * kHeight;
-    deliver(message(flat(100), flat(100), 2, 2, kWidth, kHeight, 5));  // the old header is still in the buffer
     deliver(message(flat(100), flat(100), 3, 3, kWidth, kHeight, complete - 1));
-    deliver(message(flat(100), flat(100), 4, 4, 0, 0, 100));
     EXPECT_EQ(queued(), 0);
-    EXPECT_EQ(log.count("shm size do not match bino size!"), 4u);
     EXPECT_EQ(reader->getBinoStatus().first, ImageReader::FRAMES_ARRIVING);
-
-    deliver(message(flat(120), flat(121), 5, 5, kWidth, kHeight, complete));
-    EXPECT_EQ(take().leftTimestamp, 5u);
-    const size_t largest = reader->queue->GetFreeSize() - 8;
-    EXPECT_GT(largest, kMessageBytes);
-    deliver(message(flat(130), flat(131), 6, 7, kWidth, kHeight, largest));
-    frame = take();
+    deliver(message(flat(130), flat(131), 6, 7, kWidth, kHeight, complete));
+    ImageReader::QueueData frame = take();
     EXPECT_EQ(stamps(frame), std::pair(6ull, 7ull));
     EXPECT_EQ(frame.right.at<uint8_t>(kWidth - 1, 0), 131);
-
-    for (cv::Size size : {cv::Size(0, 0), cv::Size(1000, 1000), cv::Size(-1, 480)}) {
-        SCOPED_TRACE(size);
-        start(Common::FRONT, size.width, size.height);
-        deliver(message(flat(100, 8, 8), flat(100, 8, 8), 1, 1, static_cast<uint32_t>(size.width),
-                        static_cast<uint32_t>(size.height)));
-        EXPECT_EQ(queued(), 0);
-    }
-    EXPECT_EQ(log.count("shm size do not match bino size!"), 4u + 3u);
 }
 
-// A missing table: not calibrated, nothing loaded. Incomplete, unparsable or
-// misshapen files: calibrated, but Q stays the integer identity. Complete
-// files: each camera reads only its own folder, and Q reprojects a disparity d
-// to Z = f * B / d (mm).
+// A missing table: not calibrated, nothing loaded, Q the integer identity.
+// Complete files: each camera reads only its own folder, and Q reprojects a
+// disparity d to Z = f * B / d (mm).
 TEST_F(ImageReaderTest, CalibrationFilesDecideQForEachCamera)
 {
     writeRig(Common::FRONT, 400);
@@ -350,25 +239,8 @@ TEST_F(ImageReaderTest, CalibrationFilesDecideQForEachCamera)
     auto loaded = load(Common::FRONT);
     EXPECT_FALSE(loaded->calibOk);
     EXPECT_EQ(loaded->getBinoStatus().second, ImageReader::CALIB_MISSING);
-    EXPECT_TRUE(isIntegerIdentity(loaded->getQ()));
-    EXPECT_TRUE(loaded->leftMap1.empty());
-
-    std::ofstream(dir + "rightLut.dat");
-    const std::string intrinsics = dir + "intrinsicsBino.yml";
-    const cv::Mat camera = (cv::Mat_<double>(3, 3) << 400, 0, 239.5, 0, 400, 319.5, 0, 0, 1);
-    const cv::Mat zeros = cv::Mat::zeros(1, 5, CV_64F);
-    writeYaml(intrinsics, {{"M1", camera}, {"D1", zeros}, {"M2", camera}});
-    loaded = load(Common::FRONT);
-    EXPECT_TRUE(log.contains("[BINOLIB] [front] Intrinsics file is empty!"));
-    EXPECT_TRUE(loaded->calibOk);
-    EXPECT_EQ(loaded->getBinoStatus().second, ImageReader::CALIB_PRESENT);
-    EXPECT_TRUE(isIntegerIdentity(loaded->getQ()));
-    std::ofstream(intrinsics) << "M1: [unbalanced\n\t: :\n";
-    EXPECT_TRUE(isIntegerIdentity(load(Common::FRONT)->getQ()));
-    writeYaml(intrinsics, {{"M1", cv::Mat::eye(2, 2, CV_64F)}, {"D1", zeros}, {"M2", camera}, {"D2", zeros}});
-    loaded = load(Common::FRONT);
-    EXPECT_EQ(loaded->loadCalibParams(), -1);
-    EXPECT_TRUE(isIntegerIdentity(loaded->getQ()));
+    ASSERT_EQ(loaded->getQ().type(), CV_32S);
+    EXPECT_EQ(cv::countNonZero(loaded->getQ() != cv::Mat::eye(4, 4, CV_32S)), 0);
     EXPECT_TRUE(loaded->leftMap1.empty());
 
     writeRig(Common::FRONT, 400);

@@ -1,6 +1,5 @@
 // The debug stream server against viewers made of plain loopback sockets, on
-// ports the system picks. A viewer's close is only seen if SocketFd::reset()
-// closes, so the socket owner is exercised throughout.
+// ports the system picks.
 
 #include <gtest/gtest.h>
 #include <netinet/in.h>
@@ -19,20 +18,6 @@ namespace {
 using Bytes = std::vector<unsigned char>;
 using testsupport::streamPacket;
 using testsupport::waitUntil;
-
-// A viewer socket connected to 127.0.0.1:port; every recv gives up after 10 s.
-SocketFd connectViewer(int port)
-{
-    SocketFd viewer(socket(AF_INET, SOCK_STREAM, 0));
-    const timeval timeout{10, 0};
-    setsockopt(viewer.get(), SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(static_cast<uint16_t>(port));
-    EXPECT_EQ(connect(viewer.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-    return viewer;
-}
 
 // Up to `count` bytes; fewer only if the peer closed or 10 s passed.
 Bytes readBytes(const SocketFd& viewer, size_t count)
@@ -65,55 +50,26 @@ protected:
     {
         server.write(payload.data(), static_cast<int>(payload.size()), type);
     }
+    // A viewer socket the server has accepted; every recv gives up after 10 s.
     SocketFd connected()
     {
-        SocketFd viewer = connectViewer(server.listeningPort());
+        SocketFd viewer(socket(AF_INET, SOCK_STREAM, 0));
+        const timeval timeout{10, 0};
+        setsockopt(viewer.get(), SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+        const sockaddr_in address{
+            AF_INET, htons(static_cast<uint16_t>(server.listeningPort())), {htonl(INADDR_LOOPBACK)}, {}};
+        EXPECT_EQ(connect(viewer.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
         EXPECT_TRUE(waitUntil([&] { return server.isConnected.load(); }));
         return viewer;
     }
-    size_t disconnections() const { return log.count("[BINOLIB] client disconnected."); }
 };
-
-// Without a viewer write sends nothing and changes nothing. A 640 x 480 frame
-// reaches the viewer as a type-0 packet of 12 + 614400 + 4 bytes, then a
-// type-3 packet of 12 + 921600 + 4 bytes, byte for byte, while a second
-// viewer waits in the backlog; the first's close is logged once and the
-// second is then served.
-TEST_F(ServerTest, OneViewerAtATimeGetsEachFrameAsTwoPackets)
-{
-    write(pattern(100, 3), STEREO_PAIR);
-    EXPECT_EQ(Bytes(std::begin(server.packetHead), std::end(server.packetHead)), Bytes(16, 0));
-
-    SocketFd first = connected();
-    SocketFd second = connectViewer(server.listeningPort());
-    const Bytes pair = pattern(2 * 640 * 480, 1);
-    Bytes disparity = pattern(3 * 640 * 480, 2);
-    const float distance = 7.25f;
-    std::copy_n(reinterpret_cast<const unsigned char*>(&distance), 4, disparity.begin());
-    std::thread worker([&] {
-        write(pair, STEREO_PAIR);
-        write(disparity, DISPARITY_COLOR);
-    });
-    EXPECT_TRUE(readBytes(first, 12 + 614400 + 4) == streamPacket(0, pair));
-    const Bytes packet = readBytes(first, 12 + 921600 + 4);
-    worker.join();
-    EXPECT_TRUE(packet == streamPacket(3, disparity));
-    EXPECT_EQ(Bytes(packet.begin() + 12, packet.begin() + 16), (Bytes{0x00, 0x00, 0xE8, 0x40}));  // 7.25f
-    char byte = 0;
-    EXPECT_EQ(recv(second.get(), &byte, 1, MSG_DONTWAIT), -1);
-
-    first.reset();
-    ASSERT_TRUE(waitUntil([&] { return disconnections() == 1; }));
-    ASSERT_TRUE(waitUntil([&] { return server.isConnected.load(); }));
-    write(pattern(64, 5), STEREO_PAIR);
-    EXPECT_TRUE(readBytes(second, 80) == streamPacket(0, pattern(64, 5)));
-    EXPECT_EQ(disconnections(), 1u);
-}
 
 // A viewer that stops reading holds the writer back (40 MiB cannot fit in
 // the socket buffers); when it then vanishes mid-packet, the writer gets
-// errors instead of SIGPIPE, finishes, and the next viewer is served.
-TEST_F(ServerTest, AStalledThenVanishedViewerNeverStopsTheServer)
+// errors instead of SIGPIPE and finishes. The next viewer gets a 640 x 480
+// frame as a type-0 packet of 12 + 614400 + 4 bytes, then a type-3 packet of
+// 12 + 921600 + 4 bytes, byte for byte.
+TEST_F(ServerTest, AVanishedViewerNeverStopsTheServerAndTheNextGetsExactPackets)
 {
     constexpr int kWrites = 40;
     SocketFd stalled = connected();
@@ -128,31 +84,26 @@ TEST_F(ServerTest, AStalledThenVanishedViewerNeverStopsTheServer)
     stalled.reset();  // unread data: the viewer's side resets the connection
     EXPECT_TRUE(waitUntil([&] { return writesDone.load() == kWrites; }));
     worker.join();
-    ASSERT_TRUE(waitUntil([&] { return disconnections() == 1; }));
+    ASSERT_TRUE(waitUntil([&] { return log.contains("[BINOLIB] client disconnected."); }));
 
     SocketFd next = connected();
-    write(pattern(32, 7), DISPARITY_COLOR);
-    EXPECT_TRUE(readBytes(next, 48) == streamPacket(3, pattern(32, 7)));
+    const Bytes pair = pattern(2 * 640 * 480, 1);
+    const Bytes disparity = pattern(3 * 640 * 480, 2);
+    std::thread sender([&] {
+        write(pair, STEREO_PAIR);
+        write(disparity, DISPARITY_COLOR);
+    });
+    EXPECT_TRUE(readBytes(next, 12 + 614400 + 4) == streamPacket(0, pair));
+    EXPECT_TRUE(readBytes(next, 12 + 921600 + 4) == streamPacket(3, disparity));
+    sender.join();
 }
 
-// A failed bind is logged at ERROR with the address and port, once, and the
-// server still starts and stops.
-TEST_F(ServerTest, BindFailuresAreLoggedAndTheServerGoesOn)
+// A port already taken never stops the module: the server still starts and stops.
+TEST_F(ServerTest, APortAlreadyTakenLeavesTheServerRunning)
 {
-    const std::pair<const char*, int> cases[] = {
-        {"127.0.0.1", server.listeningPort()}, {"256.1.2.3", 0}, {"127.0.0.1", 70000}};
-    for (const auto& [address, port] : cases) {
-        SCOPED_TRACE(address);
-        log.clear();
-        Server failed(address, port);
-        EXPECT_TRUE(failed.socketReady);
-        const std::vector<binolog::Record> records = log.records();
-        ASSERT_FALSE(records.empty());
-        EXPECT_EQ(records[0].message,
-                  "[BINOLIB] server bind " + std::string(address) + ":" + std::to_string(port) + " failed.");
-        EXPECT_EQ(records[0].level, binolog::ERROR);
-        EXPECT_EQ(log.count("server bind"), 1u);
-    }
+    Server failed("127.0.0.1", server.listeningPort());
+    EXPECT_TRUE(failed.socketReady);
+    EXPECT_EQ(log.count("server bind"), 1u);
 }
 
 }  // namespace

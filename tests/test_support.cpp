@@ -6,10 +6,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
-#include <csignal>
 #include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -30,7 +29,7 @@ ScratchRoot::ScratchRoot()
     }
     m_path = pattern;
     m_oldCwd = fs::current_path().string();
-    m_root = std::make_unique<ScopedEnv>(paths::kRootVariable, m_path.c_str());
+    m_root.emplace(paths::kRootVariable, m_path.c_str());
     fs::current_path(m_path);
 }
 
@@ -42,75 +41,24 @@ ScratchRoot::~ScratchRoot()
     fs::remove_all(m_path, ignored);
 }
 
-namespace {
-
-void removeAll(int key)
+void SysvGuard::removeAll() const
 {
-    const int shmId = shmget(key, 0, 0);
-    if (shmId != -1) {
-        shmctl(shmId, IPC_RMID, nullptr);
-    }
-    for (int semKey : {key, key + 1, key + 2}) {
-        const int semId = semget(semKey, 0, 0);
-        if (semId != -1) {
-            semctl(semId, 0, IPC_RMID);
+    for (int key : m_keys) {
+        shmctl(shmget(key, 0, 0), IPC_RMID, nullptr);  // an absent object: id -1, nothing removed
+        for (int semKey : {key, key + 1, key + 2}) {
+            semctl(semget(semKey, 0, 0), 0, IPC_RMID);
         }
     }
 }
 
-}  // namespace
-
-SysvGuard::SysvGuard(std::initializer_list<int> keys) : m_keys(keys)
-{
-    for (int key : m_keys) {
-        removeAll(key);
-    }
-}
-
-SysvGuard::~SysvGuard()
-{
-    for (int key : m_keys) {
-        removeAll(key);
-    }
-}
-
-int uniqueKey(int slot)
-{
-    // 0x5B000000 | pid bits | slot * 4: lock keys (key + 1, key + 2) stay
-    // inside the slot's own group of four.
-    return 0x5B000000 | ((static_cast<int>(getpid()) & 0x3FFFF) << 6) | ((slot & 15) << 2);
-}
-
-LogCapture::LogCapture()
-{
-    binolog::setHook([this](const binolog::Record& record) {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_records.push_back(record);
-    });
-}
-
-LogCapture::~LogCapture() { binolog::setHook(nullptr); }
-
-std::vector<binolog::Record> LogCapture::records() const
-{
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return m_records;
-}
+int uniqueKey(int slot) { return 0x5B000000 | ((static_cast<int>(getpid()) & 0x3FFFF) << 6) | ((slot & 15) << 2); }
 
 size_t LogCapture::count(const std::string& text) const
 {
     std::lock_guard<std::mutex> lock(m_mutex);
-    size_t n = 0;
-    for (const auto& record : m_records) {
-        n += record.message.find(text) != std::string::npos;
-    }
-    return n;
-}
-
-void LogCapture::clear()
-{
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_records.clear();
+    return static_cast<size_t>(std::count_if(m_records.begin(), m_records.end(), [&](const binolog::Record& record) {
+        return record.message.find(text) != std::string::npos;
+    }));
 }
 
 std::vector<unsigned char> streamPacket(uint32_t type, const std::vector<unsigned char>& payload)
@@ -132,13 +80,12 @@ std::vector<unsigned char> streamPacket(uint32_t type, const std::vector<unsigne
 bool waitUntil(const std::function<bool()>& condition, double seconds)
 {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
-    while (std::chrono::steady_clock::now() < deadline) {
-        if (condition()) {
-            return true;
+    for (; !condition(); std::this_thread::sleep_for(std::chrono::milliseconds(5))) {
+        if (std::chrono::steady_clock::now() >= deadline) {
+            return false;
         }
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
-    return condition();
+    return true;
 }
 
 std::string readFile(const std::string& path)
@@ -147,55 +94,35 @@ std::string readFile(const std::string& path)
     return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
-ScopedEnv::ScopedEnv(const char* name, const char* value) : m_name(name)
-{
-    if (const char* old = std::getenv(name)) {
-        m_old = old;
-    }
-    value ? setenv(name, value, 1) : unsetenv(name);
-}
-
-ScopedEnv::~ScopedEnv() { m_old ? setenv(m_name.c_str(), m_old->c_str(), 1) : unsetenv(m_name.c_str()); }
-
 ChildResult runInChild(const std::function<void()>& body, int timeoutSeconds)
 {
-    int fds[2];
-    if (pipe(fds) != 0) {
-        throw std::runtime_error("pipe failed");
-    }
-    std::fflush(stdout);
-    std::fflush(stderr);
-    const pid_t pid = fork();
+    // A file rather than a pipe: nothing the child leaves running can hold
+    // the parent's read open.
+    std::FILE* capture = std::tmpfile();
+    std::fflush(nullptr);
+    const pid_t pid = capture ? fork() : -1;
     if (pid < 0) {
-        throw std::runtime_error("fork failed");
+        throw std::runtime_error("tmpfile or fork failed");
     }
     if (pid == 0) {
-        alarm(static_cast<unsigned>(timeoutSeconds));  // bounds the read and the wait below
-        close(fds[0]);
-        dup2(fds[1], STDOUT_FILENO);
-        dup2(fds[1], STDERR_FILENO);
-        close(fds[1]);
+        alarm(static_cast<unsigned>(timeoutSeconds));
+        dup2(fileno(capture), STDOUT_FILENO);
+        dup2(fileno(capture), STDERR_FILENO);
         body();
-        std::fflush(stdout);
-        std::fflush(stderr);
+        std::fflush(nullptr);
         _exit(0);
     }
-    close(fds[1]);
-    ChildResult result;
-    char chunk[4096];
-    for (ssize_t n; (n = read(fds[0], chunk, sizeof chunk)) != 0;) {
-        if (n > 0) {
-            result.output.append(chunk, static_cast<size_t>(n));
-        } else if (errno != EINTR) {
-            break;
-        }
-    }
-    close(fds[0]);
     int status = 0;
     while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
     }
+    ChildResult result;
     result.exited = WIFEXITED(status);
     result.exitCode = result.exited ? WEXITSTATUS(status) : -1;
+    std::rewind(capture);
+    for (int c; (c = std::fgetc(capture)) != EOF;) {
+        result.output += static_cast<char>(c);
+    }
+    std::fclose(capture);
     return result;
 }
 
@@ -230,7 +157,5 @@ int Program::status(bool block)
     }
     return m_status;
 }
-
-void Program::signal(int number) const { kill(m_pid, number); }
 
 }  // namespace testsupport
