@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Installs the Debian 12 packages the build, the tests and the tools need,
 # plus the packages named as arguments (e.g. clang for the fuzz build);
-# "display" names the virtual X server for the viewer's window test, "plot"
-# the Python plotting library of the record plots (scripts/plot-record.py),
+# "display" names a virtual X server (to watch the viewer's window on a
+# machine without a screen: xvfb-run tools/viewer ...), "plot" the Python plotting library of the record plots (scripts/plot-record.py),
 # "cross" the AArch64 cross compiler, the user-mode emulator and the root maker.
 # Quiet and quick when everything is already there. Needs root (or sudo).
 set -euo pipefail
