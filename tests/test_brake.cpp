@@ -132,7 +132,7 @@ TEST(BrakeMismatch, SparseMapWithOneSolidPatchIsAMismatch)
     for (int type : kTypes) {
         for (const auto& [name, size, background, area, value, mismatch] : cases) {
             cv::Mat map(size, type, cv::Scalar(background));
-            paint(map, area, value);
+            fill(map, area, value);
             const Probe p(kFront, flight(0.0f), map, rigQ(kTall));
             EXPECT_EQ(p.brake.faultDetectFlagOfTen, mismatch) << type << " " << name;
             EXPECT_EQ(p.brake.getLogline()[17], mismatch ? "1" : "0");
