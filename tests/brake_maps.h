@@ -2,7 +2,9 @@
 // Test-only: the rig, disparity maps and clock that the Brake tests build
 // their frames from.
 
+#include <algorithm>
 #include <cstdint>
+#include <limits>
 
 #include <opencv2/calib3d.hpp>
 #include <opencv2/core.hpp>
@@ -42,10 +44,16 @@ inline double disparityFor(const cv::Mat& Q, double depthM)
 /// A map of `type` (CV_16S or CV_32F) with every pixel invalid (-1).
 inline cv::Mat invalidMap(int type, cv::Size size) { return cv::Mat(size, type, cv::Scalar(-1)); }
 
-/// Sets `area` of `map` to `disparityPx` (rounded for CV_16S).
-inline void paint(cv::Mat& map, const cv::Rect& area, double disparityPx)
+/// Sets the first `count` pixels of `area` (clipped to the map), row by row,
+/// to `disparityPx` (rounded for CV_16S).
+inline void fill(cv::Mat& map, cv::Rect area, double disparityPx, int count = std::numeric_limits<int>::max())
 {
-    map(area).setTo(cv::Scalar(map.depth() == CV_16S ? cvRound(disparityPx) : disparityPx));
+    area &= cv::Rect(cv::Point(), map.size());
+    const int rows = std::min(area.height, count / std::max(area.width, 1));
+    map(cv::Rect(area.x, area.y, area.width, rows)).setTo(disparityPx);
+    if (rows < area.height) {
+        map(cv::Rect(area.x, area.y + rows, count - rows * area.width, 1)).setTo(disparityPx);
+    }
 }
 
 /// A map whose every pixel sees a plane at depthM.

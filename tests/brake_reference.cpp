@@ -1,6 +1,7 @@
 #include "brake_reference.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstring>
 #include <sstream>
@@ -14,28 +15,10 @@ namespace brakeref {
 
 namespace {
 
-// No point at all for a map other than CV_16SC1 / CV_32FC1 or a Q that
-// cv::reprojectImageTo3D refuses.
-cv::Mat reproject(const cv::Mat& disparity, const cv::Mat& Q)
-{
-    cv::Mat points;
-    if (disparity.empty() || (disparity.type() != CV_16SC1 && disparity.type() != CV_32FC1)) {
-        return points;
-    }
-    try {
-        cv::reprojectImageTo3D(disparity, points, Q, false, -1);
-    } catch (const cv::Exception&) {
-        points.release();
-    }
-    return points;
-}
-
 // The valid points (0 < Z < 100000) of rows [r0, r1) and columns [c0, c1),
 // bounds clamped to the map, row-major, with Z x cos(pitch) summed in float.
 struct Block {
-    int count = 0;
-    int columnSum = 0;
-    int rowSum = 0;
+    int count = 0, columnSum = 0, rowSum = 0;
     float sum = 0.0f;
     std::vector<cv::Point2f> points;
 };
@@ -60,31 +43,20 @@ Block gather(const cv::Mat& points3d, int r0, int r1, int c0, int c1, float pitc
 
 void measureFront(Brake& b, const cv::Mat& disparity, const cv::Mat& points3d)
 {
-    const int H = disparity.rows;
-    const int W = disparity.cols;
-    const float colBlocks = static_cast<float>(W * 0.025);
-    const float rowBlocks = static_cast<float>(H * 0.025);
+    const int H = disparity.rows, W = disparity.cols;
+    const float colBlocks = static_cast<float>(W * 0.025), rowBlocks = static_cast<float>(H * 0.025);
     if (H == 544 && W == 640) {
         b.fovVertical = 49.0f;
     }
     const float p = b.flyInfo.pitch;
     const float third = b.fovVertical * 0.33333334f;
-    int first = 1;
-    int last = 7;
-    if (p > 0 && p >= third) {
-        first = 3;
-        last = 9;
-    } else if (p > 0) {
-        first = p >= 2 * b.fovVertical / rowBlocks ? 3 : 2;
-        last = 8;
-    } else if (p < 0 && p <= -third) {
-        first = 0;
-        last = 6;
-    }
+    // The first and last band searched (NaN: neither above nor below 0).
+    const auto [first, last] = p > 0 && p >= third    ? std::pair(3, 9)
+                               : p > 0                ? std::pair(p >= 2 * b.fovVertical / rowBlocks ? 3 : 2, 8)
+                               : p < 0 && p <= -third ? std::pair(0, 6)
+                                                      : std::pair(1, 7);
     b.targetY = static_cast<float>(W / 2);
     b.targetX = static_cast<float>(H / 2);
-    b.frontArea.clear();
-    b.dis_ori_z = 60.0f;
     if (b.flyInfo.armOrDisarm == 1 || b.flyInfo.armOrDisarm == 2) {
         for (int i = first; colBlocks > 4 && i <= last; ++i) {
             for (int j = 2; j < colBlocks - 2; ++j) {
@@ -115,8 +87,6 @@ void measureFront(Brake& b, const cv::Mat& disparity, const cv::Mat& points3d)
 void measureDown(Brake& b, const cv::Mat& disparity, const cv::Mat& points3d)
 {
     const int s = static_cast<int>(disparity.rows / b.gridCount);
-    b.frontArea.clear();
-    b.dis_ori_z = 60.0f;
     for (int k = 0; k < 8; ++k) {
         for (int m = 0; m < 4; ++m) {
             const Block block = gather(points3d, (4 + k) * s, (5 + k) * s, (4 + m) * s, (5 + m) * s, b.flyInfo.pitch);
@@ -159,26 +129,14 @@ bool highAltitudeMismatch(const cv::Mat& disparity)
     return minimum <= 1e-6 && 0.93 < ratio && ratio < 1.0;
 }
 
-bool sameBits(const cv::Mat& a, const cv::Mat& b)
-{
-    if (a.type() != b.type() || a.size != b.size) {
-        return false;
-    }
-    for (int r = 0; r < a.rows; ++r) {
-        if (std::memcmp(a.ptr(r), b.ptr(r), a.cols * a.elemSize()) != 0) {
-            return false;
-        }
-    }
-    return true;
-}
-
 // setDisparity step by step; `frameTick` is what the clock reads at step 6.
-void setDisparity(Brake& b, const cv::Mat& disparity, const cv::Mat& Q, const cv::Mat& points3d, int64_t frameTick,
-                  double ticksPerSecond)
+void setDisparity(Brake& b, const cv::Mat& disparity, const cv::Mat& Q, const cv::Mat& points3d, int64_t frameTick)
 {
     b.Q = Q;
     b.imageWidth = disparity.cols;
     b.imageHeight = disparity.rows;
+    b.frontArea.clear();
+    b.dis_ori_z = 60.0f;
     if (b.direction == Common::FRONT) {
         measureFront(b, disparity, points3d);
     } else {
@@ -189,23 +147,12 @@ void setDisparity(Brake& b, const cv::Mat& disparity, const cv::Mat& Q, const cv
     b.mismatchFlag = highAltitudeMismatch(disparity);
     b.faultDetectFlagOfTen = b.mismatchFlag;
     b.frameTick = frameTick;
-    b.timeuse = static_cast<float>((frameTick - b.flyInfoTick) * 1000 / ticksPerSecond);
+    b.timeuse = static_cast<float>((frameTick - b.flyInfoTick) * 1000 / brakemaps::ManualClock::kTicksPerSecond);
     b.pitch_rate = b.getPitchRate();
     b.poseOutlierProcess();
     b.outlier();
     b.rejectFaultDetection();
     b.obstacleMissedPredict();
-}
-
-template <typename T, size_t N>
-void compareBits(std::ostringstream& out, const Brake& a, const Brake& b,
-                 const std::pair<const char*, T Brake::*> (&members)[N])
-{
-    for (const auto& [name, member] : members) {
-        if (std::memcmp(&(a.*member), &(b.*member), sizeof(T)) != 0) {
-            out << name << " " << a.*member << " != " << b.*member << "; ";
-        }
-    }
 }
 
 }  // namespace
@@ -219,40 +166,46 @@ std::string Twin::frame(const Common::FlyInfo& info, const cv::Mat& disparity, c
     time.now += 37;
     if (fast.meetSpeed()) {
         fast.setDisparity(disparity, Q);
-        if (!sameBits(disparity, lastMap) || !sameBits(Q, lastQ)) {
-            lastMap = disparity.clone();
-            lastQ = Q.clone();
-            lastPoints = reproject(disparity, Q);
+        if (disparity.data != lastMap.data || disparity.size != lastMap.size || Q.data != lastQ.data) {
+            lastMap = disparity;  // held, so its buffer cannot come back as another map's
+            lastQ = Q;
+            lastPoints.release();  // no point at all for another map type or a Q OpenCV refuses
+            try {
+                if (!disparity.empty() && (disparity.type() == CV_16SC1 || disparity.type() == CV_32FC1)) {
+                    cv::reprojectImageTo3D(disparity, lastPoints, Q, false, -1);
+                }
+            } catch (const cv::Exception&) {
+                lastPoints.release();
+            }
         }
-        setDisparity(reference, disparity, Q, lastPoints, time.now, brakemaps::ManualClock::kTicksPerSecond);
+        setDisparity(reference, disparity, Q, lastPoints, time.now);
     } else {
         fast.reset();
         reference.reset();
     }
 
+    // The filters are the chain's own functions in both: equal inputs, equal
+    // state. Compared is what the reading computes and the distances that result.
+    // clang-format off
+    const auto values = [](const Brake& b) {
+        const auto n = [](auto v) { return static_cast<float>(v); };
+        return std::array<float, 13>{b.dis_ori_z, b.distance_ori, b.timeuse, b.pitch_rate, b.targetX, b.targetY,
+            b.fovVertical, n(b.imageWidth), n(b.imageHeight), n(b.mismatchFlag), n(b.faultDetectFlagOfTen),
+            b.distanceFiltered_outlier, b.getDistance()};
+    };
+    static const char* const names[] = {"dis_ori_z", "distance_ori", "timeuse", "pitch_rate", "targetX", "targetY",
+        "fovVertical", "imageWidth", "imageHeight", "mismatchFlag", "faultDetectFlagOfTen",
+        "distanceFiltered_outlier", "distanceFiltered_app"};
+    // clang-format on
     std::ostringstream out;
     if (fast.getFrountArea() != reference.getFrountArea()) {
         out << "front area (" << fast.frontArea.size() << " vs " << reference.frontArea.size() << " points); ";
     }
-    // The filters are the chain's own functions in both brakes: equal inputs
-    // give them equal state. Compared is what the reading computes itself,
-    // and the distances that result.
-    static const std::pair<const char*, float Brake::*> floats[] = {
-        {"dis_ori_z", &Brake::dis_ori_z},     {"distance_ori", &Brake::distance_ori},
-        {"timeuse", &Brake::timeuse},         {"pitch_rate", &Brake::pitch_rate},
-        {"targetX", &Brake::targetX},         {"targetY", &Brake::targetY},
-        {"fovVertical", &Brake::fovVertical}, {"distanceFiltered_outlier", &Brake::distanceFiltered_outlier}};
-    static const std::pair<const char*, int32_t Brake::*> ints[] = {{"imageWidth", &Brake::imageWidth},
-                                                                    {"imageHeight", &Brake::imageHeight}};
-    static const std::pair<const char*, bool Brake::*> flags[] = {
-        {"mismatchFlag", &Brake::mismatchFlag}, {"faultDetectFlagOfTen", &Brake::faultDetectFlagOfTen}};
-    compareBits(out, fast, reference, floats);
-    compareBits(out, fast, reference, ints);
-    compareBits(out, fast, reference, flags);
-    const float fastApp = fast.getDistance();
-    const float referenceApp = reference.getDistance();
-    if (std::memcmp(&fastApp, &referenceApp, sizeof fastApp) != 0) {
-        out << "distanceFiltered_app " << fastApp << " != " << referenceApp << "; ";
+    const auto f = values(fast), r = values(reference);
+    for (size_t i = 0; i < f.size(); ++i) {
+        if (std::memcmp(&f[i], &r[i], sizeof(float)) != 0) {
+            out << names[i] << " " << f[i] << " != " << r[i] << "; ";
+        }
     }
 
     fast.update();

@@ -1,8 +1,8 @@
 #pragma once
-// Test-only: the straightforward reading of Brake's per-frame chain, against
-// which the tests hold the production chain bit for bit. The whole map is
-// reprojected with cv::reprojectImageTo3D and every block is searched pixel
-// by pixel; the mismatch check always runs the template search.
+// Test-only: the straightforward reading of Brake's per-frame chain, held bit
+// for bit against the production chain: the whole map reprojected with
+// cv::reprojectImageTo3D, every block searched pixel by pixel, the mismatch
+// check always by template search.
 
 #include <string>
 
@@ -22,9 +22,8 @@ public:
     Twin& operator=(const Twin&) = delete;
 
     /// One pipeline frame on both (flight state, measurement or reset(),
-    /// update()). Returns what differs, bit for bit: the raw distance, front
-    /// area, centre, field of view, frame size, timing, mismatch flags and the
-    /// filtered distances; empty when nothing does.
+    /// update()). Returns what differs bit for bit (distances, front area,
+    /// centre, view, frame size, timing, mismatch flags), empty if nothing.
     std::string frame(const Common::FlyInfo& info, const cv::Mat& disparity, const cv::Mat& Q);
 
     brakemaps::ManualClock time;
@@ -32,8 +31,8 @@ public:
     Brake reference;
 
 private:
-    // The reference's reprojection of the last map and Q, reused while both
-    // stay the same bit for bit: the tests run many frames on one map.
+    // The last reprojection, reused while the same buffers come back (so
+    // maps must not change in place between frames).
     cv::Mat lastMap, lastQ, lastPoints;
 };
 

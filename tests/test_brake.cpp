@@ -1,8 +1,7 @@
 // Brake through its public interface on maps of known depth: the distance of
 // a plane, the blind area, the mismatch check, the filters as frame sequences
-// on a clock the test moves, and the record. Which block is measured (bands,
-// point counts, centre window, down grid, frame sizes) is held bit for bit
-// against the straightforward reading in test_brake_reference.cpp.
+// on a clock the test moves, and the record. Which block is measured is held
+// bit for bit against the straightforward reading in test_brake_reference.cpp.
 
 #include <gtest/gtest.h>
 
@@ -18,78 +17,95 @@
 namespace {
 
 using namespace brakemaps;
-using Lines = std::vector<std::string>;
 
 const int kTypes[] = {CV_16S, CV_32F};
 const auto kFront = Common::FRONT;
 const auto kDown = Common::DOWN;
 
-// One frame as the pipeline runs it, measured 50 ms after the flight state;
-// update() is left to the caller so the frame's values can be read.
-void measure(Brake& brake, ManualClock& time, const Common::FlyInfo& info, const cv::Mat& map, const cv::Mat& Q)
-{
-    brake.setFlyInfo(info);
-    time.now += 50;
-    if (brake.meetSpeed()) {
-        brake.setDisparity(map, Q);
-    } else {
-        brake.reset();
-    }
-}
-
-// A fresh brake that has measured one frame.
-struct Probe {
-    Probe(Common::Direction direction, const Common::FlyInfo& info, const cv::Mat& map, const cv::Mat& Q)
-        : brake(direction, time.clock())
+// One camera on a clock the test moves: 50 ms from the flight state to the
+// measurement, 50 ms on to the next frame.
+class Camera {
+public:
+    explicit Camera(Common::Direction direction = kFront) : brake(direction, time.clock()) {}
+    // A camera that has measured one frame.
+    Camera(Common::Direction direction, const Common::FlyInfo& info, const cv::Mat& map, const cv::Mat& Q)
+        : Camera(direction)
     {
-        measure(brake, time, info, map, Q);
+        measure(info, map, Q);
     }
-    bool seen() const { return brake.dis_ori_z < Brake::kNoObstacle; }
+
+    // One frame as the pipeline runs it; update() is left to the caller so
+    // the frame's values can be read.
+    void measure(const Common::FlyInfo& info, const cv::Mat& map, const cv::Mat& Q)
+    {
+        brake.setFlyInfo(info);
+        time.now += 50;
+        if (brake.meetSpeed()) {
+            brake.setDisparity(map, Q);
+        } else {
+            brake.reset();
+        }
+    }
+
+    // `count` frames of a plane at depthM (0: clear sky; below 0: a mismatch
+    // map, empty but one solid patch); returns the last raw distance.
+    float frame(double depthM, const Common::FlyInfo& info = flight(0.0f), int count = 1)
+    {
+        cv::Mat map = depthM > 0 ? planeMap(CV_32F, kTall, rig, depthM) : invalidMap(CV_32F, kTall);
+        if (depthM < 0) {
+            map.setTo(0);
+            fill(map, cv::Rect(200, 280, 40, 40), 300.0);
+        }
+        float raw = 0;
+        for (int i = 0; i < count; ++i) {
+            measure(info, map, rig);
+            EXPECT_EQ(brake.faultDetectFlagOfTen, depthM < 0);
+            // The dormant fault rejection passes its input through on every frame.
+            EXPECT_EQ(std::memcmp(&brake.disRejectFaultDetect, &brake.distanceFiltered_outlier, sizeof(float)), 0);
+            raw = brake.distance_ori;
+            brake.update();
+            time.now += 50;
+        }
+        return raw;
+    }
+
+    float out() const { return brake.distanceFiltered_outlier; }
+
     ManualClock time;
     Brake brake;
+    const cv::Mat rig = rigQ(kTall);
 };
-
-// ---------------------------------------------------------------- geometry
 
 TEST(BrakeGeometry, PlaneGivesDepthTimesCosinePitchAndNoValidDepthSixty)
 {
-    // Whole-pixel disparities, so both map types hold the plane exactly. With
-    // the identity Q the map holds depth in mm. Each case at each pitch, for
-    // both cameras, flying or not.
-    struct Case {
-        std::string name;
-        cv::Mat map, Q;
-        double depthM;  // 0: no obstacle, 60
-    };
-    std::vector<Case> cases;
+    // Whole-pixel disparities: both map types hold the plane exactly; with the
+    // identity Q the map holds depth in mm. At each pitch, each camera, flying or not.
+    std::vector<std::tuple<std::string, cv::Mat, cv::Mat, double>> cases;  // name, map, Q, depth (0: none, 60)
     for (int type : kTypes) {
         for (const cv::Size size : {kTall, kWide}) {
             for (double depthM : {1.0, 20.0}) {
-                cases.push_back({"plane", planeMap(type, size, rigQ(size), depthM), rigQ(size), depthM});
+                cases.emplace_back("plane", planeMap(type, size, rigQ(size), depthM), rigQ(size), depthM);
             }
         }
-        cases.push_back({"identity Q", cv::Mat(kTall, type, cv::Scalar(2000)), cv::Mat::eye(4, 4, CV_32S), 2.0});
-        cases.push_back({"invalid", invalidMap(type, kTall), rigQ(kTall), 0});
-        cases.push_back({"zero (infinitely far)", cv::Mat::zeros(kTall, type), rigQ(kTall), 0});
+        cases.emplace_back("identity Q", cv::Mat(kTall, type, cv::Scalar(2000)), cv::Mat::eye(4, 4, CV_32S), 2.0);
+        cases.emplace_back("invalid", invalidMap(type, kTall), rigQ(kTall), 0);
+        cases.emplace_back("zero (infinitely far)", cv::Mat::zeros(kTall, type), rigQ(kTall), 0);
+        cases.emplace_back("unreadable type", cv::Mat(kTall, type == CV_16S ? CV_8U : CV_32S, cv::Scalar(20)),
+                           rigQ(kTall), 0);
     }
-    for (int type : {CV_8U, CV_32S}) {
-        cases.push_back({"unreadable type", cv::Mat(kTall, type, cv::Scalar(20)), rigQ(kTall), 0});
-    }
-    for (const Case& c : cases) {
+    for (const auto& [name, map, Q, depthM] : cases) {
         for (float pitch : {0.0f, -20.0f, 30.0f}) {
             for (const auto& [direction, arm] : {std::pair(kFront, 0u), std::pair(kFront, 1u), std::pair(kDown, 2u)}) {
-                const Probe p(direction, flight(pitch, 0.0f, arm), c.map, c.Q);
-                const double expected = c.depthM > 0 ? c.depthM * std::cos(pitch * M_PI / 180.0) : 60.0;
+                const Camera p(direction, flight(pitch, 0.0f, arm), map, Q);
+                const double expected = depthM > 0 ? depthM * std::cos(pitch * M_PI / 180.0) : 60.0;
                 EXPECT_NEAR(p.brake.dis_ori_z, expected, 0.005 * expected)
-                    << c.name << " " << c.map.size << " type " << c.map.type() << ", pitch " << pitch << ", "
-                    << direction << ", arm " << arm;
-                EXPECT_EQ(p.brake.getFrountArea().empty(), c.depthM == 0) << c.name;
+                    << name << " " << map.size << " type " << map.type() << ", pitch " << pitch << ", " << direction
+                    << ", arm " << arm;
+                EXPECT_EQ(p.brake.getFrountArea().empty(), depthM == 0) << name;
             }
         }
     }
 }
-
-// ----------------------------------------------- blind area, mismatch check
 
 TEST(BrakeBlindArea, CloseObstacleAndSteepBackwardFlightGiveSixty)
 {
@@ -99,13 +115,12 @@ TEST(BrakeBlindArea, CloseObstacleAndSteepBackwardFlightGiveSixty)
         {"backwards, pitch -10.5", 5.0, -10.5f, -0.5f, true},
         {"backwards, pitch -10", 5.0, -10.0f, -0.5f, false},
         {"forwards, pitch -30", 5.0, -30.0f, 0.5f, false},
-        {"hovering, pitch -30", 5.0, -30.0f, 0.0f, false},
     };
     for (const auto& [name, depthM, pitch, headSpeed, forced] : cases) {
         for (auto direction : {kFront, kDown}) {
-            const Probe p(direction, flight(pitch, headSpeed), planeMap(CV_32F, kTall, rigQ(kTall), depthM),
-                          rigQ(kTall));
-            EXPECT_TRUE(p.seen()) << name;
+            const Camera p(direction, flight(pitch, headSpeed), planeMap(CV_32F, kTall, rigQ(kTall), depthM),
+                           rigQ(kTall));
+            EXPECT_LT(p.brake.dis_ori_z, Brake::kNoObstacle) << name;
             EXPECT_EQ(p.brake.distance_ori == 60.0f, forced) << name << " " << direction;
         }
     }
@@ -122,57 +137,20 @@ TEST(BrakeMismatch, SparseMapWithOneSolidPatchIsAMismatch)
         {"patch on invalid", kTall, -1, patch, 300, true},
         {"patch of 65", kTall, 0, patch, 65, true},
         {"patch of 64", kTall, 0, patch, 64, false},
-        {"patch of 1025", kTall, 0, patch, 1025, false},
         {"all zero", kTall, 0, cv::Rect(), 0, false},
-        {"patch on 1026 (read as empty)", kTall, 1026, patch, 300, true},
         {"patch of 4 x 4 at quarter scale", kTall, 0, cv::Rect(200, 280, 16, 16), 300, false},
         {"patch in a map over 7 % non-zero", kTall, 0, cv::Rect(0, 0, 480, 48), 300, false},
-        {"80 x 80 map", cv::Size(80, 80), 0, cv::Rect(20, 20, 20, 20), 300, true},
     };
     for (int type : kTypes) {
         for (const auto& [name, size, background, area, value, mismatch] : cases) {
             cv::Mat map(size, type, cv::Scalar(background));
-            paint(map, area, value);
-            const Probe p(kFront, flight(0.0f), map, rigQ(kTall));
+            fill(map, area, value);
+            const Camera p(kFront, flight(0.0f), map, rigQ(kTall));
             EXPECT_EQ(p.brake.faultDetectFlagOfTen, mismatch) << type << " " << name;
             EXPECT_EQ(p.brake.getLogline()[17], mismatch ? "1" : "0");
         }
     }
 }
-
-// ------------------------------------------------------------------- filters
-
-// The front camera in flight on a clock the test moves: 50 ms from the
-// flight state to the measurement, 50 ms to the next frame.
-class Flight {
-public:
-    Flight() : brake(kFront, time.clock()) {}
-
-    // A frame of a plane at depthM (0: clear sky; below 0: a mismatch map,
-    // empty but for one solid patch); returns the raw distance.
-    float frame(double depthM, const Common::FlyInfo& info = flight(0.0f))
-    {
-        cv::Mat map = depthM > 0 ? planeMap(CV_32F, kTall, Q, depthM) : invalidMap(CV_32F, kTall);
-        if (depthM < 0) {
-            map.setTo(0);
-            map(cv::Rect(200, 280, 40, 40)).setTo(300.0);
-        }
-        measure(brake, time, info, map, Q);
-        EXPECT_EQ(brake.faultDetectFlagOfTen, depthM < 0);
-        // The dormant fault rejection passes its input through on every frame.
-        EXPECT_EQ(std::memcmp(&brake.disRejectFaultDetect, &brake.distanceFiltered_outlier, sizeof(float)), 0);
-        const float raw = brake.distance_ori;
-        brake.update();
-        time.now += 50;
-        return raw;
-    }
-
-    float out() const { return brake.distanceFiltered_outlier; }
-
-    ManualClock time;
-    Brake brake;
-    const cv::Mat Q = rigQ(kTall);
-};
 
 // The smoothing of a change of at most 3 m, in single precision.
 float smoothed(float previous, float measured)
@@ -192,7 +170,6 @@ TEST(BrakeFilters, OutlierFilterThroughOneFlight)
         // what, depth (m), frames, expected outlier output
         {"start-up: five measured frames report 60", 5.0, 5, kSixty},
         {"then the measurement", 5.0, 1, kTaken},
-        {"a single clear frame holds it", 0.0, 1, kHeld},
         {"a change of 1 m is smoothed", 6.0, 1, kSmoothed},
         {"fifteen clear frames hold it", 0.0, 15, kHeld},
         {"the sixteenth releases it", 0.0, 1, kSixty},
@@ -209,7 +186,7 @@ TEST(BrakeFilters, OutlierFilterThroughOneFlight)
         {"the one after starts from 60 too: a new obstacle", 6.5, 5, kSuppressed},
         {"reported on the sixth frame", 6.5, 1, kTaken},
     };
-    Flight f;
+    Camera f;
     float previous = f.out();
     int countmax = 0;
     for (const auto& [what, depthM, frames, expect] : script) {
@@ -223,9 +200,8 @@ TEST(BrakeFilters, OutlierFilterThroughOneFlight)
             previous = f.out();
         }
     }
-    // reset() sets every stage output and both history values to 60 and
-    // keeps the raw distance and the filter state: tracking goes on, so the
-    // next obstacle frame is a jump from 60, taken at once.
+    // reset() sets every stage output and history value to 60, keeps the raw
+    // distance and filter state: the next obstacle is a jump from 60, taken.
     const float raw = f.brake.dis_ori_z;
     f.brake.reset();
     const Brake& b = f.brake;
@@ -239,10 +215,8 @@ TEST(BrakeFilters, OutlierFilterThroughOneFlight)
 
 TEST(BrakeFilters, DeadReckoningOnlyForwardAndUntilPitchIsBackAt25)
 {
-    Flight f;
-    for (int i = 0; i < 6; ++i) {
-        f.frame(15.0, flight(0.0f, 2.0f));
-    }
+    Camera f;
+    f.frame(15.0, flight(0.0f, 2.0f), 6);
     Common::FlyInfo sideways = flight(30.0f, 0.1f);
     sideways.rightSpeed = 2.0f;
     f.frame(15.0, sideways);
@@ -264,21 +238,17 @@ TEST(BrakeFilters, DeadReckoningOnlyForwardAndUntilPitchIsBackAt25)
 
 TEST(BrakeFilters, FarDistanceAtSteepOrFastRisingPitchIsMovedOnFromTheLastOne)
 {
-    // Tracking 30 m at 2 m/s, a 55 m frame (beyond 45 m) becomes the previous
-    // raw distance moved on when the pitch is above 25 degrees or positive
-    // and rising faster than 50 degrees/s; otherwise it is a jump.
+    // Tracking 30 m at 2 m/s, a 55 m frame (beyond 45 m) becomes the last raw
+    // distance moved on at a pitch above 25 or positive and rising over 50/s.
     const std::tuple<const char*, float, float, bool> cases[] = {
         {"pitch 26", 26.0f, 26.0f, true},
         {"rising fast", 0.0f, 10.0f, true},  // 10 degrees in 50 ms: 200 degrees/s
         {"rising slowly", 10.0f, 11.0f, false},
-        {"level", 0.0f, 0.0f, false},
         {"falling fast", 0.0f, -20.0f, false},
     };
     for (const auto& [name, pitchBefore, pitch, corrected] : cases) {
-        Flight f;
-        for (int i = 0; i < 7; ++i) {
-            f.frame(30.0, flight(pitchBefore, 2.0f));
-        }
+        Camera f;
+        f.frame(30.0, flight(pitchBefore, 2.0f), 7);
         const float last = f.brake.distance_ori;
         const float previous = f.out();
         const float raw = f.frame(55.0, flight(pitch, 2.0f));
@@ -286,7 +256,7 @@ TEST(BrakeFilters, FarDistanceAtSteepOrFastRisingPitchIsMovedOnFromTheLastOne)
     }
 }
 
-TEST(BrakeFlightState, PitchRateNeedsMoreThan20Milliseconds)
+TEST(BrakeFlightState, PitchRateNeedsMoreThan20MsAndMeetSpeedStopsBeyond1MetrePerSecondBackwards)
 {
     // A frame measured within 20 ms of its flight state has no pitch rate, so
     // a tiny interval cannot fake the fast rise the far-distance filter reads.
@@ -299,75 +269,32 @@ TEST(BrakeFlightState, PitchRateNeedsMoreThan20Milliseconds)
         EXPECT_FLOAT_EQ(brake.pitch_rate, rate);  // |-1 - 4| degrees in 25 ms
         brake.update();
     }
-}
-
-TEST(BrakeFlightState, MeetSpeedStopsOnlyBeyondOneMetrePerSecondBackwards)
-{
-    Brake brake(kFront);
-    EXPECT_FALSE(brake.meetSpeed());
+    EXPECT_FALSE(Brake(kFront).meetSpeed());  // no flight state yet
     for (float speed : {0.0f, 5.0f, std::nextafter(-1.0f, 0.0f), -1.0f, -1.5f}) {
         brake.setFlyInfo(flight(0.0f, speed));
         EXPECT_EQ(brake.meetSpeed(), speed > -1.0f) << speed;
     }
 }
 
-TEST(BrakeFlightState, SmallDistanceFlagOnTheThirdQualifyingUpdate)
-{
-    // setFlyInfo judges the previous frame's distance (5 m here, 60 m after
-    // reset) and |headSpeed| <= 3 m/s.
-    Flight f;
-    for (int i = 0; i < 6; ++i) {
-        f.frame(5.0, flight(0.0f, 1.0f));
-    }
-    ASSERT_LE(f.brake.getDistance(), 6.0f);
-    const std::pair<float, bool> updates[] = {{3.0f, false}, {-3.0f, false}, {2.0f, true},  {1.0f, true},
-                                              {3.5f, false}, {0.0f, false},  {0.0f, false}, {0.0f, true}};
-    for (const auto& [headSpeed, flag] : updates) {
-        f.brake.setFlyInfo(flight(0.0f, headSpeed));
-        EXPECT_EQ(f.brake.smallDistanceFlag, flag) << headSpeed;
-        EXPECT_EQ(f.brake.getLogline()[16], flag ? "1" : "0");
-    }
-    f.brake.reset();
-    f.brake.setFlyInfo(flight(0.0f, 0.0f));
-    EXPECT_FALSE(f.brake.smallDistanceFlag);
-}
-
-// ------------------------------------------------------------------- record
-
-TEST(BrakeRecord, HeaderNames23ColumnsEachEndedByATab)
+TEST(BrakeRecord, HeaderNames23ColumnsAndTheLineHas21InFloatOrIntForm)
 {
     EXPECT_EQ(Brake(kDown).getLogHeader(),
               "pitch\theadSpeed\trightSpeed\tverticalSpeed\theight\tarmOrDisarm\ttimeuse\tpitch_rate\tcountmax\t"
               "dis_ori_z\tdistance_ori\tdistanceFiltered_poseoutlier\tdistanceFiltered_outlier\t"
               "disRejectFaultDetect\tdistanceFiltered_app\tmeetSpeedFlag\tsmallDistanceFlag\t"
               "faultDetectFlagOfTen\tangle_x\tangle_y\tis_passable\ttimestampL\ttimestampR\t\n");
-}
-
-TEST(BrakeRecord, LineHas21ColumnsInFloatOrIntForm)
-{
-    // A first frame measured: 5 m x cos(12.5 degrees) raw, 60 filtered. One
-    // not measured (backwards at 2 m/s): timeuse, pitch_rate and countmax
-    // never set, every stage output 60.
+    // A first frame measured: 5 m x cos(12.5 degrees) raw, 60 filtered.
     Common::FlyInfo info = flight(-12.5f, 0.25f, 2);
     info.rightSpeed = -1.5f;
     info.verticalSpeed = 0.125f;
     info.height = 42.0f;
-    const std::tuple<Common::FlyInfo, cv::Vec3f, Lines> cases[] = {
-        {info,
-         {1.5f, -2.25f, 1.0f},
-         Lines{"-12.500000", "0.250000", "-1.500000", "0.125000", "42.000000", "2",         "50.000000",
-               "250.000000", "0",        "4.881498",  "4.881498", "60.000000", "60.000000", "60.000000",
-               "60.000000",  "1",        "0",         "0",        "1.500000",  "-2.250000", "1.000000"}},
-        {flight(3.0f, -2.0f),
-         {0, 0, 0},
-         Lines{"3.000000",  "-2.000000", "0.000000",  "0.000000",  "0.000000",  "1",         "0.000000",
-               "0.000000",  "0",         "60.000000", "60.000000", "60.000000", "60.000000", "60.000000",
-               "60.000000", "0",         "0",         "0",         "0.000000",  "0.000000",  "0.000000"}}};
-    for (const auto& [fly, target, expected] : cases) {
-        Probe p(kFront, fly, planeMap(CV_16S, kTall, rigQ(kTall), 5.0), rigQ(kTall));
-        p.brake.getTargetRegionFromBrake(target);
-        EXPECT_EQ(p.brake.getLogline(), expected);
-    }
+    Camera p(kFront, info, planeMap(CV_16S, kTall, rigQ(kTall), 5.0), rigQ(kTall));
+    p.brake.getTargetRegionFromBrake({1.5f, -2.25f, 1.0f});
+    EXPECT_EQ(p.brake.getLogline(),
+              (std::vector<std::string>{"-12.500000", "0.250000",   "-1.500000", "0.125000", "42.000000", "2",
+                                        "50.000000",  "250.000000", "0",         "4.881498", "4.881498",  "60.000000",
+                                        "60.000000",  "60.000000",  "60.000000", "1",        "0",         "0",
+                                        "1.500000",   "-2.250000",  "1.000000"}));
 }
 
 }  // namespace
