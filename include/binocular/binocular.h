@@ -156,10 +156,12 @@ BINOCULAR_STATIC_ASSERT(offsetof(AircraftSpeedInfo, verticalSpeed) == 12, "verti
  * binocularInit). Its return value is ignored. */
 typedef int64_t (*SendInfoCallback)(void* message, uint32_t type, uint64_t binoModule);
 
-/* Reads the configuration and starts the enabled camera pairs and the
- * reporters. Returns 0. Throws (C++ std::invalid_argument) when the
- * configuration file is missing or holds a value the pairs cannot use; no
- * pair or thread has started then. Call once. */
+/* Reads the configuration and starts the enabled camera pairs (front, then
+ * down) and the reporters. Returns 0. Throws (C++ std::invalid_argument or
+ * std::out_of_range) when the configuration file is missing or holds a value
+ * a pair cannot use: then no reporter has started and the refused pair has
+ * no thread or queue, but a front pair built before a refused down pair
+ * keeps running. Call once. */
 BINOCULAR_API int64_t binocularInit(SendInfoCallback sendInfo, uint64_t binoModule);
 
 /* Logs that shutdown is not supported and returns 0: the module runs until
