@@ -2,65 +2,9 @@
 
 #include <algorithm>
 
-#if defined(__SANITIZE_THREAD__)
-#define BINO_TSAN 1
-#elif defined(__has_feature)
-#if __has_feature(thread_sanitizer)
-#define BINO_TSAN 1
-#endif
-#endif
-#ifdef BINO_TSAN
-extern "C" void __tsan_acquire(void* address);
-extern "C" void __tsan_release(void* address);
-#endif
+#include "threadpool.h"
 
 namespace {
-
-// OpenCV's thread pool synchronises inside a library ThreadSanitizer does not
-// see. These tell it what the pool guarantees: every stripe starts after
-// parallel_for_ is called, and parallel_for_ returns after every stripe ends.
-void poolRelease([[maybe_unused]] void* token)
-{
-#ifdef BINO_TSAN
-    __tsan_release(token);
-#endif
-}
-
-void poolAcquire([[maybe_unused]] void* token)
-{
-#ifdef BINO_TSAN
-    __tsan_acquire(token);
-#endif
-}
-
-// Runs body(0) .. body(count - 1) on the pool. The loop object lives here,
-// not inside OpenCV, so it is destroyed only after the pool's end is seen.
-template <class Body>
-class PoolLoop : public cv::ParallelLoopBody {
-public:
-    explicit PoolLoop(Body& body) : m_body(body) {}
-    void operator()(const cv::Range& range) const override
-    {
-        poolAcquire(const_cast<PoolLoop*>(this));
-        for (int i = range.start; i < range.end; ++i) {
-            m_body(i);
-        }
-        poolRelease(const_cast<PoolLoop*>(this));
-    }
-
-private:
-    Body& m_body;
-};
-
-template <class Body>
-void runInPool(int count, Body&& body)
-{
-    PoolLoop<Body> loop(body);
-    poolRelease(&loop);
-    cv::parallel_for_(cv::Range(0, count), loop, count);
-    poolAcquire(&loop);
-}
-
 cv::Ptr<cv::StereoBM> copyOf(const cv::Ptr<cv::StereoBM>& from)
 {
     cv::Ptr<cv::StereoBM> to = cv::StereoBM::create(from->getNumDisparities(), from->getBlockSize());
@@ -132,7 +76,7 @@ void StripedBlockMatcher::compute(const cv::Mat& left, const cv::Mat& right, cv:
     disparity.create(left.size(), CV_16S);
     const int halo = m_halfBlock + 1;
     const int inner = rows - 2 * m_halfBlock;
-    runInPool(count, [&](int i) {
+    threadpool::run(count, [&](int i) {
         // The first and last stripes also own the border rows the matcher
         // marks invalid, so every row is written once.
         const int first = i == 0 ? 0 : m_halfBlock + inner * i / count;
