@@ -178,14 +178,17 @@ int main(int argc, char** argv)
             sensorLeft.convertTo(sensorLeft, -1, 0.2);
             sensorRight.convertTo(sensorRight, -1, 0.2);
         }
+        // Encoded ahead too: at the send time only the stamp is written, so
+        // the stamp is the moment the frame goes into the queue.
+        camsim::encodeFrameMessage(sensorLeft, sensorRight, 0, 0,
+                                   options.overrideHeader ? options.headerWidth : options.width,
+                                   options.overrideHeader ? options.headerHeight : options.height, message);
         sleepUntil(due);
         if (g_stop) {
             break;
         }
         const uint64_t stamp = monotonicMicroseconds();
-        camsim::encodeFrameMessage(sensorLeft, sensorRight, stamp, stamp,
-                                   options.overrideHeader ? options.headerWidth : options.width,
-                                   options.overrideHeader ? options.headerHeight : options.height, message);
+        camsim::stampFrameMessage(stamp, stamp, message);
         // A full ring means the module is not keeping up: the frame is lost,
         // as with the real camera.
         if (g_queue->SendMessage(message.data(), message.size()) == 0) {

@@ -38,6 +38,14 @@ void encodeFrameMessage(const cv::Mat& sensorLeft, const cv::Mat& sensorRight, u
     le::store(message.data() + framelayout::kHeightOffset, headerHeight, 4);
     writeImage(sensorLeft, message.data() + framelayout::kLeftImageOffset);
     writeImage(sensorRight, message.data() + framelayout::kRightImageOffset);
+    stampFrameMessage(leftTimestamp, rightTimestamp, message);
+}
+
+void stampFrameMessage(uint64_t leftTimestamp, uint64_t rightTimestamp, std::vector<unsigned char>& message)
+{
+    if (message.size() < framelayout::kMessageBytes) {
+        throw std::invalid_argument("frame message too short to stamp");
+    }
     le::store(message.data() + framelayout::kLeftImageOffset, leftTimestamp, 8);
     le::store(message.data() + framelayout::kRightImageOffset, rightTimestamp, 8);
 }

@@ -26,4 +26,10 @@ void encodeFrameMessage(const cv::Mat& sensorLeft, const cv::Mat& sensorRight, u
                         uint64_t rightTimestamp, uint32_t headerWidth, uint32_t headerHeight,
                         std::vector<unsigned char>& message);
 
+/// Writes the two timestamps into an encoded message (over the first 8
+/// bytes of each image area), so a message prepared ahead of time can be
+/// stamped at the moment it is sent. Throws std::invalid_argument for a
+/// message shorter than framelayout::kMessageBytes.
+void stampFrameMessage(uint64_t leftTimestamp, uint64_t rightTimestamp, std::vector<unsigned char>& message);
+
 }  // namespace camsim
