@@ -88,6 +88,48 @@ void rotate90(const cv::Mat& src, cv::Mat& dst, bool clockwise)
     }
 }
 
+// Rectification maps of the upright image turned into maps that read the
+// camera's raw image (rawSize, before the quarter turn) directly, so one
+// remap does the turn and the rectification. Exact, not approximate: a map
+// holds each position in 1/INTER_TAB_SIZE px steps, the turn moves those
+// steps onto whole steps (x' = y, y' = rows - 1 - x clockwise), and the
+// bilinear weights are products of the two fractions, which the turn only
+// exchanges or mirrors; so every output pixel sums the same source pixels
+// with the same weights. False (and nothing written) for maps of another form.
+bool foldTurnIntoMaps(const cv::Mat& map1, const cv::Mat& map2, cv::Size rawSize, bool clockwise, cv::Mat& folded1,
+                      cv::Mat& folded2)
+{
+    if (map1.type() != CV_16SC2 || map2.type() != CV_16UC1 || map1.size() != map2.size()) {
+        return false;
+    }
+    constexpr int kSteps = cv::INTER_TAB_SIZE;
+    cv::Mat out1(map1.size(), CV_16SC2);
+    cv::Mat out2(map2.size(), CV_16UC1);
+    const int lastRow = (rawSize.height - 1) * kSteps;
+    const int lastCol = (rawSize.width - 1) * kSteps;
+    for (int r = 0; r < map1.rows; ++r) {
+        const cv::Vec2s* whole = map1.ptr<cv::Vec2s>(r);
+        const uint16_t* fraction = map2.ptr<uint16_t>(r);
+        cv::Vec2s* foldedWhole = out1.ptr<cv::Vec2s>(r);
+        uint16_t* foldedFraction = out2.ptr<uint16_t>(r);
+        for (int c = 0; c < map1.cols; ++c) {
+            const int x = whole[c][0] * kSteps + (fraction[c] & (kSteps - 1));
+            const int y = whole[c][1] * kSteps + ((fraction[c] >> cv::INTER_BITS) & (kSteps - 1));
+            const int rawX = clockwise ? y : lastCol - y;
+            const int rawY = clockwise ? lastRow - x : x;
+            // Floor division by the power of two, also for positions left of
+            // or above the image; saturation keeps a far-away position far away.
+            foldedWhole[c] = cv::Vec2s(cv::saturate_cast<short>(rawX >> cv::INTER_BITS),
+                                       cv::saturate_cast<short>(rawY >> cv::INTER_BITS));
+            foldedFraction[c] =
+                static_cast<uint16_t>(((rawY & (kSteps - 1)) << cv::INTER_BITS) | (rawX & (kSteps - 1)));
+        }
+    }
+    folded1 = out1;
+    folded2 = out2;
+    return true;
+}
+
 }  // namespace
 
 void ImageReader::FrameRing::push(QueueData&& frame)
@@ -248,9 +290,12 @@ void ImageReader::processMessage(size_t length)
     if (checkLowLight()) {
         return;
     }
-    rotateImage();
-    if (remapEnabled.load(std::memory_order_relaxed)) {
-        calibImage();
+    const bool rectify = remapEnabled.load(std::memory_order_relaxed);
+    if (!(rectify && rectifyFromRaw())) {
+        rotateImage();
+        if (rectify) {
+            calibImage();
+        }
     }
     if (left.empty() || right.empty()) {
         return;
@@ -466,4 +511,31 @@ void ImageReader::calibImage()
     rectified = cv::Mat();
     cv::remap(right, rectified, rightMap1, rightMap2, cv::INTER_LINEAR, cv::BORDER_CONSTANT, cv::Scalar());
     right = rectified;
+}
+
+bool ImageReader::rectifyFromRaw()
+{
+    if (leftMap1.empty() || rightMap1.empty() || (direction != Common::FRONT && direction != Common::DOWN)) {
+        return false;
+    }
+    // The maps are set before the poller starts; folding them on first use
+    // (and again if they are replaced) keeps the poller the only user.
+    if (foldedFrom[0] != leftMap1.data || foldedFrom[1] != rightMap1.data) {
+        const cv::Size rawSize(width, height);
+        const bool clockwise = direction == Common::FRONT;
+        foldedFrom = {nullptr, nullptr};
+        if (!foldTurnIntoMaps(leftMap1, leftMap2, rawSize, clockwise, leftRawMap1, leftRawMap2) ||
+            !foldTurnIntoMaps(rightMap1, rightMap2, rawSize, clockwise, rightRawMap1, rightRawMap2)) {
+            return false;
+        }
+        foldedFrom = {leftMap1.data, rightMap1.data};
+    }
+    // Into fresh matrices: what was queued before keeps its own.
+    cv::Mat rectified;
+    cv::remap(leftRaw, rectified, leftRawMap1, leftRawMap2, cv::INTER_LINEAR, cv::BORDER_CONSTANT, cv::Scalar());
+    left = rectified;
+    rectified = cv::Mat();
+    cv::remap(rightRaw, rectified, rightRawMap1, rightRawMap2, cv::INTER_LINEAR, cv::BORDER_CONSTANT, cv::Scalar());
+    right = rectified;
+    return true;
 }

@@ -12,6 +12,7 @@
 // one consumer thread calls getImageBlock(); getBinoStatus() and getQ() may be
 // called from any thread. Everything else is for the constructing thread.
 
+#include <array>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -209,9 +210,21 @@ private:
     std::string calibFile(const char* fileName) const;
     void startThread(void (ImageReader::*body)());
 
+    /// rotateImage() then calibImage() in one remap of the raw images, with
+    /// the same result to the byte; false (nothing done) without maps of the
+    /// usual form.
+    bool rectifyFromRaw();
+
     size_t messageLength = 0;  ///< bytes of the message now in frameBuffer
     uint64_t polledUs = 0;     ///< when the message now in frameBuffer was taken
     FrameTimes takenTimes;     ///< of the frame getImageBlock handed out last
+    /// The rectification maps with the quarter turn folded in, read the raw
+    /// images; the poller's own, made from the maps whose data foldedFrom names.
+    cv::Mat leftRawMap1;
+    cv::Mat leftRawMap2;
+    cv::Mat rightRawMap1;
+    cv::Mat rightRawMap2;
+    std::array<const uchar*, 2> foldedFrom{};
     std::atomic<uint64_t> polls{0};
     StoppableThread worker;  ///< the source's thread; declared last, stopped first
 };

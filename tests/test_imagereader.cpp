@@ -136,35 +136,39 @@ TEST_F(ImageReaderTest, RotatesByDirectionIntoTheUsedSize)
 }
 
 // Rectification, with each camera's own maps on the turned image, applies
-// before the clip and only while enabled.
+// before the clip and only while enabled; the reader's single remap of the
+// raw image gives the turned-then-rectified image to the byte.
 TEST_F(ImageReaderTest, RemapsOnlyWhileEnabled)
 {
-    writeRig(Common::FRONT, 300);  // R identity, T (-100, 0, 0) mm
     const cv::Mat camera = (cv::Mat_<double>(3, 3) << 300, 0, 240, 0, 300, 320, 0, 0, 1);
     const cv::Mat distortion[] = {(cv::Mat_<double>(1, 5) << -0.2, 0.05, 0, 0, 0),
                                   (cv::Mat_<double>(1, 5) << 0.1, 0, 0, 0, 0)};
-    cv::FileStorage yaml(camsim::calibrationDirectory(Common::FRONT) + "intrinsicsBino.yml", cv::FileStorage::WRITE);
-    yaml << "M1" << camera << "D1" << distortion[0] << "M2" << camera << "D2" << distortion[1];
-    yaml.release();
-    start();
-    const cv::Size sensor(kWidth, kHeight);
-    std::vector<unsigned char> bytes = message(noise(sensor), noise(sensor), 1, 2);
+    for (Common::Direction direction : {Common::FRONT, Common::DOWN}) {
+        SCOPED_TRACE(Common::binoString(direction));
+        const auto turn = direction == Common::FRONT ? cv::ROTATE_90_CLOCKWISE : cv::ROTATE_90_COUNTERCLOCKWISE;
+        writeRig(direction, 300);  // R identity, T (-100, 0, 0) mm
+        cv::FileStorage yaml(camsim::calibrationDirectory(direction) + "intrinsicsBino.yml", cv::FileStorage::WRITE);
+        yaml << "M1" << camera << "D1" << distortion[0] << "M2" << camera << "D2" << distortion[1];
+        yaml.release();
+        start(direction);
+        const cv::Size sensor(kWidth, kHeight);
+        std::vector<unsigned char> bytes = message(noise(sensor), noise(sensor), 1, 2);
 
-    deliver(bytes);
-    EXPECT_EQ(cv::countNonZero(take().left != cv::min(turned(bytes, 12, sensor, cv::ROTATE_90_CLOCKWISE), 240)), 0);
-    reader->enableRemap(true);
-    deliver(bytes);
-    ImageReader::QueueData rectified = take();
-    cv::Mat R[2], P[2], Q;
-    const cv::Size used(kHeight, kWidth);
-    cv::stereoRectify(camera, distortion[0], camera, distortion[1], used, cv::Mat::eye(3, 3, CV_64F),
-                      cv::Vec3d(-100, 0, 0), R[0], R[1], P[0], P[1], Q, cv::CALIB_ZERO_DISPARITY, 0);
-    for (int i : {0, 1}) {
-        cv::Mat map1, map2, expected;
-        cv::initUndistortRectifyMap(camera, distortion[i], R[i], P[i], used, CV_16SC2, map1, map2);
-        cv::remap(turned(bytes, i == 0 ? 12 : 522252, sensor, cv::ROTATE_90_CLOCKWISE), expected, map1, map2,
-                  cv::INTER_LINEAR);
-        EXPECT_EQ(cv::countNonZero((i == 0 ? rectified.left : rectified.right) != cv::min(expected, 240)), 0) << i;
+        deliver(bytes);
+        EXPECT_EQ(cv::countNonZero(take().left != cv::min(turned(bytes, 12, sensor, turn), 240)), 0);
+        reader->enableRemap(true);
+        deliver(bytes);
+        ImageReader::QueueData rectified = take();
+        cv::Mat R[2], P[2], Q;
+        const cv::Size used(kHeight, kWidth);
+        cv::stereoRectify(camera, distortion[0], camera, distortion[1], used, cv::Mat::eye(3, 3, CV_64F),
+                          cv::Vec3d(-100, 0, 0), R[0], R[1], P[0], P[1], Q, cv::CALIB_ZERO_DISPARITY, 0);
+        for (int i : {0, 1}) {
+            cv::Mat map1, map2, expected;
+            cv::initUndistortRectifyMap(camera, distortion[i], R[i], P[i], used, CV_16SC2, map1, map2);
+            cv::remap(turned(bytes, i == 0 ? 12 : 522252, sensor, turn), expected, map1, map2, cv::INTER_LINEAR);
+            EXPECT_EQ(cv::countNonZero((i == 0 ? rectified.left : rectified.right) != cv::min(expected, 240)), 0) << i;
+        }
     }
 }
 
