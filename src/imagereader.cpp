@@ -88,6 +88,16 @@ void rotate90(const cv::Mat& src, cv::Mat& dst, bool clockwise)
     }
 }
 
+// `source` rectified by the maps, bilinear with black outside, into a fresh
+// matrix: remapping in place would make OpenCV copy the source first, and a
+// fresh result never shares data with a frame queued earlier.
+cv::Mat remapped(const cv::Mat& source, const cv::Mat& map1, const cv::Mat& map2)
+{
+    cv::Mat result;
+    cv::remap(source, result, map1, map2, cv::INTER_LINEAR, cv::BORDER_CONSTANT, cv::Scalar());
+    return result;
+}
+
 // Rectification maps of the upright image turned into maps that read the
 // camera's raw image (rawSize, before the quarter turn) directly, so one
 // remap does the turn and the rectification. Exact, not approximate: a map
@@ -504,13 +514,8 @@ void ImageReader::calibImage()
     if (leftMap1.empty() || rightMap1.empty()) {
         return;
     }
-    // Into fresh matrices: remapping in place would make OpenCV copy the source first.
-    cv::Mat rectified;
-    cv::remap(left, rectified, leftMap1, leftMap2, cv::INTER_LINEAR, cv::BORDER_CONSTANT, cv::Scalar());
-    left = rectified;
-    rectified = cv::Mat();
-    cv::remap(right, rectified, rightMap1, rightMap2, cv::INTER_LINEAR, cv::BORDER_CONSTANT, cv::Scalar());
-    right = rectified;
+    left = remapped(left, leftMap1, leftMap2);
+    right = remapped(right, rightMap1, rightMap2);
 }
 
 bool ImageReader::rectifyFromRaw()
@@ -530,12 +535,7 @@ bool ImageReader::rectifyFromRaw()
         }
         foldedFrom = {leftMap1.data, rightMap1.data};
     }
-    // Into fresh matrices: what was queued before keeps its own.
-    cv::Mat rectified;
-    cv::remap(leftRaw, rectified, leftRawMap1, leftRawMap2, cv::INTER_LINEAR, cv::BORDER_CONSTANT, cv::Scalar());
-    left = rectified;
-    rectified = cv::Mat();
-    cv::remap(rightRaw, rectified, rightRawMap1, rightRawMap2, cv::INTER_LINEAR, cv::BORDER_CONSTANT, cv::Scalar());
-    right = rectified;
+    left = remapped(leftRaw, leftRawMap1, leftRawMap2);
+    right = remapped(rightRaw, rightRawMap1, rightRawMap2);
     return true;
 }
