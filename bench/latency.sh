@@ -29,11 +29,8 @@ if [ -n "${LATENCY_RT:-}" ] && [ -z "${BINOCULAR_BENCH_RT:-}" ]; then
   exec chrt -f 10 bash "$0" "$@"
 fi
 
-if [ -z "${BINOCULAR_BENCH_NS:-}" ] && [ "$(id -u)" -eq 0 ] && command -v unshare >/dev/null &&
-  command -v ip >/dev/null && unshare --ipc --net true 2>/dev/null; then
-  export BINOCULAR_BENCH_NS=1
-  exec unshare --ipc --net bash -c 'ip link set lo up && exec bash "$0" "$@"' "$0" "$@"
-fi
+source "$root/scripts/rig.sh"
+rig_isolate BINOCULAR_BENCH_NS "$0" "$@"
 
 work="$(mktemp -d /tmp/binocular-latency.XXXXXX)"
 set -m
@@ -43,8 +40,7 @@ cleanup() {
   trap - EXIT INT TERM
   for pid in "${pids[@]}"; do kill -TERM -- "-$pid" 2>/dev/null || true; done
   wait 2>/dev/null || true
-  for key in 9990 9991; do ipcrm -M "$key" 2>/dev/null || true; done
-  for key in 9990 9991 9992 9993; do ipcrm -S "$key" 2>/dev/null || true; done
+  rig_remove_ipc
   [ -n "${LATENCY_KEEP:-}" ] || rm -rf "$work"
   exit "$status"
 }
@@ -52,7 +48,6 @@ trap cleanup EXIT
 trap 'exit 130' INT
 trap 'exit 143' TERM
 
-source "$root/scripts/rig.sh"
 status=0
 for matcher in ${LATENCY_MATCHERS:-bm unit}; do
   case "$matcher" in
@@ -81,8 +76,7 @@ for matcher in ${LATENCY_MATCHERS:-bm unit}; do
   for pid in "${pids[@]}"; do kill -TERM -- "-$pid" 2>/dev/null || true; done
   wait 2>/dev/null || true
   pids=()
-  for key in 9990 9991; do ipcrm -M "$key" 2>/dev/null || true; done
-  for key in 9990 9991 9992 9993; do ipcrm -S "$key" 2>/dev/null || true; done
+  rig_remove_ipc
   label="$matcher: both pairs at $fps frames/s for $seconds s, $(nproc) cores, load $(cut -d' ' -f1-3 /proc/loadavg)"
   [ -z "${BINOCULAR_BENCH_RT:-}" ] || label+=", real-time priority"
   "$python" "$root/bench/latency-report.py" --root "$run" --host "$run/host.jsonl" --stages "$run/stages" \

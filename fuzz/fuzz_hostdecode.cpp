@@ -11,18 +11,8 @@
 #include <cstring>
 #include <string>
 
+#include "fuzzcheck.h"
 #include "hostmessage.h"
-
-namespace {
-
-void check(bool condition)
-{
-    if (!condition) {
-        std::abort();
-    }
-}
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {

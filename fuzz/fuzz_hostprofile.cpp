@@ -10,18 +10,8 @@
 #include <cstdlib>
 #include <string>
 
+#include "fuzzcheck.h"
 #include "hostprofile.h"
-
-namespace {
-
-void check(bool condition)
-{
-    if (!condition) {
-        std::abort();
-    }
-}
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {

@@ -13,16 +13,10 @@
 #include <cstdlib>
 #include <string_view>
 
+#include "fuzzcheck.h"
 #include "inifile.h"
 
 namespace {
-
-void check(bool condition)
-{
-    if (!condition) {
-        std::abort();
-    }
-}
 
 /// The same sections, keys and values, in any order.
 bool sameContent(const IniFile& a, const IniFile& b)

@@ -12,19 +12,13 @@
 #include <cstdlib>
 #include <vector>
 
+#include "fuzzcheck.h"
 #include "target_region.h"
 #include "target_region_reference.h"
 
 namespace {
 
 constexpr float kDepths_mm[9] = {1000.0f, 5000.0f, 200000.0f, -300.0f, 3000.0f, 3000.5f, INFINITY, -INFINITY, NAN};
-
-void check(bool condition)
-{
-    if (!condition) {
-        std::abort();
-    }
-}
 
 }  // namespace
 

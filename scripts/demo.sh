@@ -32,11 +32,8 @@ if [ -z "${DEMO_NO_BUILD:-}" ]; then
   export DEMO_NO_BUILD=1
 fi
 
-if [ -z "${BINOCULAR_DEMO_NS:-}" ] && [ "$(id -u)" -eq 0 ] && command -v unshare >/dev/null &&
-  command -v ip >/dev/null && unshare --ipc --net true 2>/dev/null; then
-  export BINOCULAR_DEMO_NS=1
-  exec unshare --ipc --net bash -c 'ip link set lo up && exec bash "$0" "$@"' "$0" "$@"
-fi
+source "$root/scripts/rig.sh"
+rig_isolate BINOCULAR_DEMO_NS "$0" "$@"
 
 [ -d "$build" ] && build="$(cd "$build" && pwd)"  # it stays valid after the cd below
 for program in tools/camsim tools/viewer tools/host; do
@@ -70,8 +67,7 @@ cleanup() {
   for pid in "${pids[@]}"; do kill -KILL -- "-$pid" 2>/dev/null || true; done
   wait 2>/dev/null || true
   # The queue segments and their lock semaphore sets (key, key + 1, key + 2).
-  for key in 9990 9991; do ipcrm -M "$key" 2>/dev/null || true; done
-  for key in 9990 9991 9992 9993; do ipcrm -S "$key" 2>/dev/null || true; done
+  rig_remove_ipc
   exit "$status"
 }
 trap cleanup EXIT
@@ -88,7 +84,6 @@ start() { # start <log> <command...>: in the background, its pid in $pids
 # The documented configuration with sensing on, the front pair on the
 # stereo-unit substitute, the down pair on block matching, raw images once a
 # second at 30 frames per second; both rigs' calibration.
-source "$root/scripts/rig.sh"
 rig_root "$demo_root" "$root" "$build" 0 1 1 30
 
 cat >"$out/flight.profile" <<'PROFILE'

@@ -1,5 +1,6 @@
 # Sourced by the demo, the soak and the latency benchmark: a module root with
-# two simulated camera pairs.
+# two simulated camera pairs, private namespaces for the fixed keys and ports,
+# and the removal of the queues' System V objects.
 #
 # FRONT_RIG, DOWN_RIG: camsim's rig options. f x B is 120 px m in front (60 px
 # at 2 m, within the unit's 64) and 80 px m below (40 px at 2 m, within block
@@ -27,4 +28,26 @@ rig_root() {
   echo 1 >"$root/home/tarnwick/scripts/zlog_count.cfg"
   BINOCULAR_ROOT="$root" "$build/tools/camsim" "${FRONT_RIG[@]}" --calib-only >/dev/null
   BINOCULAR_ROOT="$root" "$build/tools/camsim" "${DOWN_RIG[@]}" --calib-only >/dev/null
+}
+
+# rig_isolate MARKER SCRIPT [ARGS...]: runs SCRIPT again in private IPC and
+# network namespaces when it can (root, unshare, ip), so the fixed queue keys
+# and ports meet nobody else's; MARKER names the variable that says it already
+# runs there, so it happens once. Returns when it cannot.
+rig_isolate() {
+  local marker="$1"
+  shift
+  if [ -z "${!marker:-}" ] && [ "$(id -u)" -eq 0 ] && command -v unshare >/dev/null &&
+    command -v ip >/dev/null && unshare --ipc --net true 2>/dev/null; then
+    export "$marker=1"
+    exec unshare --ipc --net bash -c 'ip link set lo up && exec bash "$0" "$@"' "$@"
+  fi
+}
+
+# rig_remove_ipc: removes the queues' System V objects (the shared-memory
+# segments 9990 and 9991 and the semaphores 9990 to 9993), if any are left.
+rig_remove_ipc() {
+  local key
+  for key in 9990 9991; do ipcrm -M "$key" 2>/dev/null || true; done
+  for key in 9990 9991 9992 9993; do ipcrm -S "$key" 2>/dev/null || true; done
 }

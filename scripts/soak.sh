@@ -25,11 +25,8 @@ seconds="${SOAK_SECONDS:-300}"
 warmup="${SOAK_WARMUP:-60}"
 python=/usr/bin/python3
 
-if [ -z "${BINOCULAR_SOAK_NS:-}" ] && [ "$(id -u)" -eq 0 ] && command -v unshare >/dev/null &&
-  command -v ip >/dev/null && unshare --ipc --net true 2>/dev/null; then
-  export BINOCULAR_SOAK_NS=1
-  exec unshare --ipc --net bash -c 'ip link set lo up && exec bash "$0" "$@"' "$0" "$@"
-fi
+source "$root/scripts/rig.sh"
+rig_isolate BINOCULAR_SOAK_NS "$0" "$@"
 if [ "$warmup" -ge "$seconds" ]; then
   echo "soak: SOAK_WARMUP ($warmup) must be shorter than SOAK_SECONDS ($seconds)" >&2
   exit 2
@@ -48,15 +45,13 @@ cleanup() {
   trap - EXIT INT TERM HUP
   for pid in "${pids[@]}"; do kill -TERM -- "-$pid" 2>/dev/null || true; done
   wait 2>/dev/null || true
-  for key in 9990 9991; do ipcrm -M "$key" 2>/dev/null || true; done
-  for key in 9990 9991 9992 9993; do ipcrm -S "$key" 2>/dev/null || true; done
+  rig_remove_ipc
   exit "$status"
 }
 trap cleanup EXIT
 trap 'exit 130' INT
 trap 'exit 143' TERM HUP
 
-source "$root/scripts/rig.sh"
 rig_root "$BINOCULAR_ROOT" "$root" "$build" 0 1
 cat >"$soak/flight.profile" <<'PROFILE'
 0 sensing on

@@ -25,10 +25,13 @@ Int hundredths(double value)
     return static_cast<Int>(scaled);
 }
 
+// The record's bytes in a new[] buffer, the form the module takes and frees.
 template <typename Record>
-uint8_t* newZeroed()
+uint8_t* newBuffer(const Record& record)
 {
-    return new uint8_t[sizeof(Record)]();
+    uint8_t* buffer = new uint8_t[sizeof record];
+    std::memcpy(buffer, &record, sizeof record);
+    return buffer;
 }
 
 template <typename Record>
@@ -46,32 +49,26 @@ int32_t hundredths32(double value) { return hundredths<int32_t>(value); }
 
 uint8_t* newBasicState(const FlightState& state)
 {
-    uint8_t* buffer = newZeroed<AircraftBasicState>();
     AircraftBasicState record = {};
     record.armState = state.armState;
     record.height = hundredths32(state.heightM);
-    std::memcpy(buffer, &record, sizeof record);
-    return buffer;
+    return newBuffer(record);
 }
 
 uint8_t* newAttitude(const FlightState& state)
 {
-    uint8_t* buffer = newZeroed<AircraftAttitudeInfo>();
     AircraftAttitudeInfo record = {};
     record.pitch = hundredths16(state.pitchDeg);
-    std::memcpy(buffer, &record, sizeof record);
-    return buffer;
+    return newBuffer(record);
 }
 
 uint8_t* newSpeed(const FlightState& state)
 {
-    uint8_t* buffer = newZeroed<AircraftSpeedInfo>();
     AircraftSpeedInfo record = {};
     record.headSpeed = hundredths16(state.headSpeedMps);
     record.rightSpeed = hundredths16(state.rightSpeedMps);
     record.verticalSpeed = hundredths16(state.verticalSpeedMps);
-    std::memcpy(buffer, &record, sizeof record);
-    return buffer;
+    return newBuffer(record);
 }
 
 uint8_t* newVersionRequest() { return new uint8_t[1](); }
