@@ -28,8 +28,8 @@ void StageTrace::begin(unsigned long long frameStamp)
 
 void StageTrace::mark(Stage stage)
 {
-    if (m_file != nullptr && stage >= 0 && stage < STAGES) {
-        m_times[stage] = nowUs();
+    if (m_file != nullptr) {
+        set(stage, nowUs());
     }
 }
 

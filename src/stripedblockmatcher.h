@@ -31,11 +31,11 @@ public:
     /// type (a view into a larger map stays a view).
     void compute(const cv::Mat& left, const cv::Mat& right, cv::Mat& disparity);
 
+private:
     /// Stripes a compute of `rows` rows would use: fewer when the rows are
     /// too few to be worth splitting, 1 when they cannot be split at all.
     int stripesFor(int rows) const;
 
-private:
     /// Computes in progress in the process, all matchers together.
     static std::atomic<int> s_computing;
 
