@@ -37,8 +37,6 @@ std::vector<unsigned char> message(const cv::Mat& left, const cv::Mat& right, ui
 
 cv::Mat flat(int value) { return cv::Mat(kHeight, kWidth, CV_8UC1, cv::Scalar(value)); }
 
-constexpr uint64_t kDarkStamp = 0x3737373737373737ull;  // every byte 55: a flat 55 image stays flat
-
 cv::Mat noise(cv::Size size)
 {
     cv::Mat image(size, CV_8UC1);
@@ -164,8 +162,8 @@ TEST_F(ImageReaderTest, StatusKeepsTwoOldestFramesAndRefusesShortMessages)
     start();
     ASSERT_TRUE(testsupport::waitUntil([&] { return reader->pollCount() >= 100; }));
     EXPECT_EQ(reader->getBinoStatus().first, ImageReader::NO_FRAMES);
-    for (int frame = 1; frame <= 7; ++frame) {
-        deliver(message(flat(55), flat(55), kDarkStamp, kDarkStamp));
+    for (int frame = 1; frame <= 7; ++frame) {  // stamps of bytes 55 keep the images flat
+        deliver(message(flat(55), flat(55), 0x3737373737373737ull, 0x3737373737373737ull));
         EXPECT_EQ(queued(), frame < 7 ? 1 : 0) << frame;
         EXPECT_EQ(reader->getBinoStatus().first, frame < 7 ? ImageReader::FRAMES_ARRIVING : ImageReader::LOW_LIGHT);
         if (frame < 7) {
@@ -195,25 +193,22 @@ TEST_F(ImageReaderTest, StatusKeepsTwoOldestFramesAndRefusesShortMessages)
 // disparity d to Z = f * B / d (mm). A missing table: not calibrated, Q the integer identity.
 TEST_F(ImageReaderTest, CalibrationFilesDecideQForEachCamera)
 {
-    const auto load = [](Common::Direction direction) {
-        return std::make_unique<ImageReader>(direction, ImageReader::NONE, kWidth, kHeight);
-    };
     writeRig(Common::FRONT, 400);
     writeRig(Common::DOWN, 300);
     for (const auto& [direction, focalPx] : {std::pair(Common::FRONT, 400.0), std::pair(Common::DOWN, 300.0)}) {
         SCOPED_TRACE(Common::binoString(direction));
-        const auto loaded = load(direction);
-        ASSERT_TRUE(loaded->calibOk);
+        ImageReader loaded(direction, ImageReader::NONE, kWidth, kHeight);
+        ASSERT_TRUE(loaded.calibOk);
         for (double d : {1.0, 37.5}) {
-            cv::Mat point = loaded->getQ() * (cv::Mat_<double>(4, 1) << 100, 200, d, 1);
+            cv::Mat point = loaded.getQ() * (cv::Mat_<double>(4, 1) << 100, 200, d, 1);
             EXPECT_NEAR(point.at<double>(2) / point.at<double>(3), focalPx * 100.0 / d, 1e-6) << d;
         }
     }
     std::filesystem::remove(camsim::calibrationDirectory(Common::FRONT) + "rightLut.dat");
-    const auto loaded = load(Common::FRONT);
-    EXPECT_EQ(std::make_pair(loaded->calibOk.load(), loaded->getBinoStatus().second),
+    ImageReader loaded(Common::FRONT, ImageReader::NONE, kWidth, kHeight);
+    EXPECT_EQ(std::make_pair(loaded.calibOk.load(), loaded.getBinoStatus().second),
               std::make_pair(false, int{ImageReader::CALIB_MISSING}));
-    EXPECT_EQ(cv::countNonZero(loaded->getQ() != cv::Mat::eye(4, 4, CV_32S)), 0);
+    EXPECT_EQ(cv::countNonZero(loaded.getQ() != cv::Mat::eye(4, 4, CV_32S)), 0);
 }
 
 }  // namespace
