@@ -3,9 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <signal.h>
-#include <sys/resource.h>
-
 #include <filesystem>
 #include <fstream>
 
@@ -22,10 +19,8 @@ const cv::Size kSize(4, 3);  // 12 bytes per recorded image
 std::time_t at(int hour, int minute, int second)  // local time on 2020-01-15
 {
     std::tm local{};
-    local.tm_year = 120;
-    local.tm_mday = 15;
+    local.tm_year = 120, local.tm_mday = 15, local.tm_isdst = -1;
     local.tm_sec = (hour * 60 + minute) * 60 + second;  // mktime normalises
-    local.tm_isdst = -1;
     return std::mktime(&local);
 }
 
@@ -116,33 +111,4 @@ TEST(BinoLoggerRun, RunsInTheSameSecondShareTheirFiles)
     EXPECT_EQ(testsupport::readFile(front("frontBino_1_10_0_1_1.log")), "H\n2\t\n");
     EXPECT_EQ(testsupport::readFile(front("frontBino_1_10_0_0_1/gray_4x3_left.yuv")), frames({3, 6}));
     EXPECT_EQ(testsupport::readFile(front("frontBino_1_10_0_1_1/gray_4x3_left.yuv")), frames({9, 12}));
-}
-
-// Files that hit the size limit never stop the process, and the next run
-// writes again.
-TEST(BinoLoggerDurability, FullFilesNeverStopTheProcess)
-{
-    testsupport::ScratchRoot scratch;
-    putCounter("3");
-    const auto child = testsupport::runInChild([] {
-        signal(SIGXFSZ, SIG_IGN);
-        const rlimit limit{1000, 1000};
-        setrlimit(RLIMIT_FSIZE, &limit);
-        testsupport::LogCapture quiet;
-        std::time_t now = at(12, 0, 0);
-        BinoLogger logger(Common::FRONT, 1, 1, cv::Size(40, 30), [&now] { return now; });
-        const cv::Mat frame(30, 40, CV_8UC1, cv::Scalar(5));
-        for (int run = 0; run < 2; ++run, ++now) {
-            logger.open("H\n");
-            for (int line = 0; line < 300; ++line) {
-                logger.writeLog({"0123456789"});
-                logger.writeImage(frame, frame, frame, {});
-            }
-            logger.close();
-        }
-    });
-    EXPECT_TRUE(child.exited && child.exitCode == 0) << child.output;
-    for (const char* stem : {"frontBino_3_12_0_0_3", "frontBino_3_12_0_1_3"}) {
-        EXPECT_GT(testsupport::readFile(front(stem) + ".log").size(), 500u) << stem;
-    }
 }

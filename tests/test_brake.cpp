@@ -1,7 +1,6 @@
-// Brake through its public interface on maps of known depth: the distance of
-// a plane, the blind area, the mismatch check, the filters as frame sequences
-// on a clock the test moves, and the record. Which block is measured is held
-// bit for bit against the straightforward reading in test_brake_reference.cpp.
+// Brake on maps of known depth: a plane's distance, the blind area, the mismatch
+// check, the filters as frame sequences on a clock the test moves, the record.
+// fuzz_brake and test_brake_reference.cpp hold the measured block bit for bit.
 
 #include <gtest/gtest.h>
 
@@ -18,33 +17,26 @@ namespace {
 
 using namespace brakemaps;
 
-const int kTypes[] = {CV_16S, CV_32F};
 const auto kFront = Common::FRONT;
 const auto kDown = Common::DOWN;
 
-// One camera on a clock the test moves: 50 ms from the flight state to the
-// measurement, 50 ms on to the next frame.
+// One camera on a clock the test moves (50 ms from the flight state to the
+// measurement, 50 ms on to the next frame), built with one frame measured or none.
 class Camera {
 public:
     explicit Camera(Common::Direction direction = kFront) : brake(direction, time.clock()) {}
-    // A camera that has measured one frame.
     Camera(Common::Direction direction, const Common::FlyInfo& info, const cv::Mat& map, const cv::Mat& Q)
         : Camera(direction)
     {
         measure(info, map, Q);
     }
 
-    // One frame as the pipeline runs it; update() is left to the caller so
-    // the frame's values can be read.
+    // One frame as the pipeline runs it; update() is left to the caller.
     void measure(const Common::FlyInfo& info, const cv::Mat& map, const cv::Mat& Q)
     {
         brake.setFlyInfo(info);
         time.now += 50;
-        if (brake.meetSpeed()) {
-            brake.setDisparity(map, Q);
-        } else {
-            brake.reset();
-        }
+        brake.meetSpeed() ? brake.setDisparity(map, Q) : brake.reset();
     }
 
     // `count` frames of a plane at depthM (0: clear sky; below 0: a mismatch
@@ -60,17 +52,15 @@ public:
         for (int i = 0; i < count; ++i) {
             measure(info, map, rig);
             EXPECT_EQ(brake.faultDetectFlagOfTen, depthM < 0);
-            // The dormant fault rejection passes its input through on every frame.
-            EXPECT_EQ(std::memcmp(&brake.disRejectFaultDetect, &brake.distanceFiltered_outlier, sizeof(float)), 0);
+            EXPECT_EQ(std::memcmp(&brake.disRejectFaultDetect, &brake.distanceFiltered_outlier, sizeof(float)), 0)
+                << "the dormant fault rejection passes its input through";
             raw = brake.distance_ori;
             brake.update();
             time.now += 50;
         }
         return raw;
     }
-
     float out() const { return brake.distanceFiltered_outlier; }
-
     ManualClock time;
     Brake brake;
     const cv::Mat rig = rigQ(kTall);
@@ -78,20 +68,16 @@ public:
 
 TEST(BrakeGeometry, PlaneGivesDepthTimesCosinePitchAndNoValidDepthSixty)
 {
-    // Whole-pixel disparities: both map types hold the plane exactly; with the
-    // identity Q the map holds depth in mm. At each pitch, each camera, flying or not.
+    // Whole-pixel disparities: both map types hold the plane exactly. At each
+    // pitch, each camera, flying or not; no valid depth reads 60.
     std::vector<std::tuple<std::string, cv::Mat, cv::Mat, double>> cases;  // name, map, Q, depth (0: none, 60)
-    for (int type : kTypes) {
+    for (int type : {CV_16S, CV_32F}) {
         for (const cv::Size size : {kTall, kWide}) {
             for (double depthM : {1.0, 20.0}) {
                 cases.emplace_back("plane", planeMap(type, size, rigQ(size), depthM), rigQ(size), depthM);
             }
         }
-        cases.emplace_back("identity Q", cv::Mat(kTall, type, cv::Scalar(2000)), cv::Mat::eye(4, 4, CV_32S), 2.0);
         cases.emplace_back("invalid", invalidMap(type, kTall), rigQ(kTall), 0);
-        cases.emplace_back("zero (infinitely far)", cv::Mat::zeros(kTall, type), rigQ(kTall), 0);
-        cases.emplace_back("unreadable type", cv::Mat(kTall, type == CV_16S ? CV_8U : CV_32S, cv::Scalar(20)),
-                           rigQ(kTall), 0);
     }
     for (const auto& [name, map, Q, depthM] : cases) {
         for (float pitch : {0.0f, -20.0f, 30.0f}) {
@@ -99,8 +85,7 @@ TEST(BrakeGeometry, PlaneGivesDepthTimesCosinePitchAndNoValidDepthSixty)
                 const Camera p(direction, flight(pitch, 0.0f, arm), map, Q);
                 const double expected = depthM > 0 ? depthM * std::cos(pitch * M_PI / 180.0) : 60.0;
                 EXPECT_NEAR(p.brake.dis_ori_z, expected, 0.005 * expected)
-                    << name << " " << map.size << " type " << map.type() << ", pitch " << pitch << ", " << direction
-                    << ", arm " << arm;
+                    << name << " " << map.size << " " << map.type() << " " << pitch << " " << direction << " " << arm;
                 EXPECT_EQ(p.brake.getFrountArea().empty(), depthM == 0) << name;
             }
         }
@@ -114,7 +99,6 @@ TEST(BrakeBlindArea, CloseObstacleAndSteepBackwardFlightGiveSixty)
         {"0.8 m", 0.8, 0.0f, 0.0f, false},
         {"backwards, pitch -10.5", 5.0, -10.5f, -0.5f, true},
         {"backwards, pitch -10", 5.0, -10.0f, -0.5f, false},
-        {"forwards, pitch -30", 5.0, -30.0f, 0.5f, false},
     };
     for (const auto& [name, depthM, pitch, headSpeed, forced] : cases) {
         for (auto direction : {kFront, kDown}) {
@@ -126,29 +110,17 @@ TEST(BrakeBlindArea, CloseObstacleAndSteepBackwardFlightGiveSixty)
     }
 }
 
+// One solid patch on an empty map (0, or -1: 65535 as CV_16S) is a mismatch; a
+// patch of disparity 64 or less, or on a map over 7 % non-zero, is not.
 TEST(BrakeMismatch, SparseMapWithOneSolidPatchIsAMismatch)
 {
-    // The patch is 10 x 10 at quarter scale, 0.5 % of the map; "empty" may be
-    // 0 or invalid (-1 reads 65535 as CV_16S, 0 after saturation as CV_32F).
-    const cv::Rect patch(200, 280, 40, 40);
-    const std::tuple<const char*, cv::Size, double, cv::Rect, double, bool> cases[] = {
-        // name, size, background, patch, its value, mismatch
-        {"patch on zero", kTall, 0, patch, 300, true},
-        {"patch on invalid", kTall, -1, patch, 300, true},
-        {"patch of 65", kTall, 0, patch, 65, true},
-        {"patch of 64", kTall, 0, patch, 64, false},
-        {"all zero", kTall, 0, cv::Rect(), 0, false},
-        {"patch of 4 x 4 at quarter scale", kTall, 0, cv::Rect(200, 280, 16, 16), 300, false},
-        {"patch in a map over 7 % non-zero", kTall, 0, cv::Rect(0, 0, 480, 48), 300, false},
-    };
-    for (int type : kTypes) {
-        for (const auto& [name, size, background, area, value, mismatch] : cases) {
-            cv::Mat map(size, type, cv::Scalar(background));
-            fill(map, area, value);
-            const Camera p(kFront, flight(0.0f), map, rigQ(kTall));
-            EXPECT_EQ(p.brake.faultDetectFlagOfTen, mismatch) << type << " " << name;
-            EXPECT_EQ(p.brake.getLogline()[17], mismatch ? "1" : "0");
-        }
+    const cv::Rect patch(200, 280, 40, 40);  // 10 x 10 at quarter scale: 0.5 % of the map
+    const std::tuple<double, cv::Rect, double, bool> cases[] = {
+        {-1, patch, 300, true}, {0, patch, 64, false}, {0, cv::Rect(0, 0, 480, 48), 300, false}};
+    for (const auto& [background, area, value, mismatch] : cases) {
+        cv::Mat map(kTall, CV_16S, cv::Scalar(background));
+        fill(map, area, value);
+        EXPECT_EQ(Camera(kFront, flight(0.0f), map, rigQ(kTall)).brake.faultDetectFlagOfTen, mismatch) << value;
     }
 }
 
@@ -167,20 +139,14 @@ TEST(BrakeFilters, OutlierFilterThroughOneFlight)
 {
     enum Expect { kSixty, kSuppressed, kHeld, kTaken, kSmoothed };
     const std::tuple<const char*, double, int, Expect> script[] = {
-        // what, depth (m), frames, expected outlier output
         {"start-up: five measured frames report 60", 5.0, 5, kSixty},
         {"then the measurement", 5.0, 1, kTaken},
         {"a change of 1 m is smoothed", 6.0, 1, kSmoothed},
         {"fifteen clear frames hold it", 0.0, 15, kHeld},
         {"the sixteenth releases it", 0.0, 1, kSixty},
-        {"a new obstacle after clear sky is suppressed", 8.0, 3, kSuppressed},
-        {"an interrupted run starts over", 0.0, 1, kSixty},
-        {"suppressed five times", 8.0, 5, kSuppressed},
+        {"a new obstacle after clear sky is suppressed five times", 8.0, 5, kSuppressed},
         {"reported on the sixth consecutive frame", 8.0, 1, kTaken},
-        {"2 m: smoothed", 10.0, 1, kSmoothed},
         {"over 3 m: taken at once", 14.0, 1, kTaken},
-        {"2 m back: smoothed", 12.0, 1, kSmoothed},
-        {"over 3 m back: taken", 6.0, 1, kTaken},
         {"a mismatch frame holds like a clear one", -1.0, 1, kHeld},
         {"the next starts from 60: 0.5 m is a jump, not smoothed", 6.5, 1, kTaken},
         {"the one after starts from 60 too: a new obstacle", 6.5, 5, kSuppressed},
@@ -200,15 +166,12 @@ TEST(BrakeFilters, OutlierFilterThroughOneFlight)
             previous = f.out();
         }
     }
-    // reset() sets every stage output and history value to 60, keeps the raw
-    // distance and filter state: the next obstacle is a jump from 60, taken.
-    const float raw = f.brake.dis_ori_z;
+    // reset() sets every stage output and history value to 60: the next obstacle is a jump from 60, taken.
     f.brake.reset();
     const Brake& b = f.brake;
     EXPECT_EQ((std::vector<float>{b.distance_ori, b.lastDistanceOri, b.distanceFiltered_poseoutlier, b.lastPoseOutlier,
                                   b.distanceFiltered_outlier, b.disRejectFaultDetect, b.getDistance()}),
               std::vector<float>(7, 60.0f));
-    EXPECT_EQ(b.dis_ori_z, raw);
     const float next = f.frame(6.5);
     EXPECT_EQ(f.out(), next);
 }
@@ -220,8 +183,7 @@ TEST(BrakeFilters, DeadReckoningOnlyForwardAndUntilPitchIsBackAt25)
     Common::FlyInfo sideways = flight(30.0f, 0.1f);
     sideways.rightSpeed = 2.0f;
     f.frame(15.0, sideways);
-    EXPECT_FALSE(f.brake.missedPredictActive);
-    EXPECT_EQ(f.brake.getDistance(), f.brake.disRejectFaultDetect);
+    EXPECT_TRUE(!f.brake.missedPredictActive && f.brake.getDistance() == f.brake.disRejectFaultDetect);
 
     f.frame(15.0, flight(30.0f, 2.0f));
     EXPECT_TRUE(f.brake.missedPredictActive && !f.brake.missedPredictIdle);
@@ -244,33 +206,21 @@ TEST(BrakeFilters, FarDistanceAtSteepOrFastRisingPitchIsMovedOnFromTheLastOne)
         {"pitch 26", 26.0f, 26.0f, true},
         {"rising fast", 0.0f, 10.0f, true},  // 10 degrees in 50 ms: 200 degrees/s
         {"rising slowly", 10.0f, 11.0f, false},
-        {"falling fast", 0.0f, -20.0f, false},
     };
     for (const auto& [name, pitchBefore, pitch, corrected] : cases) {
         Camera f;
         f.frame(30.0, flight(pitchBefore, 2.0f), 7);
-        const float last = f.brake.distance_ori;
-        const float previous = f.out();
+        const float last = f.brake.distance_ori, previous = f.out();
         const float raw = f.frame(55.0, flight(pitch, 2.0f));
         EXPECT_EQ(f.out(), corrected ? smoothed(previous, movedOn(last)) : raw) << name;
     }
 }
 
-TEST(BrakeFlightState, PitchRateNeedsMoreThan20MsAndMeetSpeedStopsBeyond1MetrePerSecondBackwards)
+TEST(BrakeFlightState, MeetSpeedStopsBeyond1MetrePerSecondBackwards)
 {
-    // A frame measured within 20 ms of its flight state has no pitch rate, so
-    // a tiny interval cannot fake the fast rise the far-distance filter reads.
-    ManualClock time;
-    Brake brake(kFront, time.clock());
-    for (const auto& [pitch, ms, rate] : {std::tuple(4.0f, 20, 0.0f), std::tuple(-1.0f, 25, 200.0f)}) {
-        brake.setFlyInfo(flight(pitch));
-        time.now += ms;
-        brake.setDisparity(invalidMap(CV_16S, kTall), rigQ(kTall));
-        EXPECT_FLOAT_EQ(brake.pitch_rate, rate);  // |-1 - 4| degrees in 25 ms
-        brake.update();
-    }
-    EXPECT_FALSE(Brake(kFront).meetSpeed());  // no flight state yet
-    for (float speed : {0.0f, 5.0f, std::nextafter(-1.0f, 0.0f), -1.0f, -1.5f}) {
+    Brake brake(kFront);
+    EXPECT_FALSE(brake.meetSpeed());  // no flight state yet
+    for (float speed : {0.0f, std::nextafter(-1.0f, 0.0f), -1.0f}) {
         brake.setFlyInfo(flight(0.0f, speed));
         EXPECT_EQ(brake.meetSpeed(), speed > -1.0f) << speed;
     }

@@ -4,8 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cmath>
-#include <limits>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -16,32 +14,20 @@
 
 namespace {
 
-void putU16(std::vector<uint8_t>& bytes, size_t offset, uint16_t value)
+// Writes the low `size` bytes of `value` at `offset`, least significant first.
+void put(std::vector<uint8_t>& bytes, size_t offset, int64_t value, size_t size = 2)
 {
-    bytes[offset] = static_cast<uint8_t>(value & 0xff);
-    bytes[offset + 1] = static_cast<uint8_t>(value >> 8);
-}
-
-// The little-endian signed value of `size` bytes at `offset`.
-int64_t valueAt(const uint8_t* bytes, size_t offset, size_t size)
-{
-    uint64_t value = 0;
     for (size_t i = 0; i < size; ++i) {
-        value |= uint64_t{bytes[offset + i]} << (8 * i);
+        bytes[offset + i] = static_cast<uint8_t>(static_cast<uint64_t>(value) >> (8 * i));
     }
-    const int shift = static_cast<int>(64 - 8 * size);
-    return static_cast<int64_t>(value << shift) >> shift;
 }
 
-// Whether every byte outside [from, to) is zero.
-bool zeroOutside(const uint8_t* bytes, size_t total, size_t from, size_t to)
+// A record's bytes, whole, to compare with the expected ones; frees the record.
+std::vector<uint8_t> bytesOf(uint8_t* record, size_t size)
 {
-    for (size_t i = 0; i < total; ++i) {
-        if ((i < from || i >= to) && bytes[i] != 0) {
-            return false;
-        }
-    }
-    return true;
+    std::vector<uint8_t> bytes(record, record + size);
+    delete[] record;
+    return bytes;
 }
 
 }  // namespace
@@ -58,59 +44,35 @@ TEST(HostRecords, FlightStateLandsAtTheModulesOffsetsInHundredths)
     state.headSpeedMps = 1.5;
     state.rightSpeedMps = -0.07;
     state.verticalSpeedMps = 400.0;  // beyond s16: saturates
-    uint8_t* basic = host::newBasicState(state);
-    EXPECT_EQ(basic[1], 2);
-    basic[1] = 0;
-    EXPECT_EQ(valueAt(basic, 71, 4), 1235);
-    EXPECT_TRUE(zeroOutside(basic, sizeof(AircraftBasicState), 71, 75));
-    uint8_t* attitude = host::newAttitude(state);
-    EXPECT_EQ(valueAt(attitude, 32, 2), -300);
-    EXPECT_TRUE(zeroOutside(attitude, sizeof(AircraftAttitudeInfo), 32, 34));
-    uint8_t* speed = host::newSpeed(state);
-    EXPECT_EQ(std::make_tuple(valueAt(speed, 8, 2), valueAt(speed, 10, 2), valueAt(speed, 12, 2)),
-              std::make_tuple(150, -7, 32767));
-    EXPECT_TRUE(zeroOutside(speed, sizeof(AircraftSpeedInfo), 8, 14));
-    uint8_t* on = host::newSensorSwitch(true);
-    uint8_t* off = host::newSensorSwitch(false);
-    EXPECT_EQ(on[0], 0);
-    EXPECT_EQ(off[0], 1);
-    for (uint8_t* record : {basic, attitude, speed, on, off}) {
-        delete[] record;
-    }
-
-    const struct {
-        double value;
-        int16_t s16;
-        int32_t s32;
-    } cases[] = {{-0.005, -1, -1}, {3e7, 32767, std::numeric_limits<int32_t>::max()}, {NAN, 0, 0}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.value);
-        EXPECT_EQ(host::hundredths16(c.value), c.s16);
-        EXPECT_EQ(host::hundredths32(c.value), c.s32);
-    }
+    std::vector<uint8_t> basic(sizeof(AircraftBasicState), 0), attitude(sizeof(AircraftAttitudeInfo), 0),
+        speed(sizeof(AircraftSpeedInfo), 0);
+    basic[1] = 2;
+    put(basic, 71, 1235, 4);
+    put(attitude, 32, -300);
+    put(speed, 8, 150);
+    put(speed, 10, -7);
+    put(speed, 12, 32767);
+    EXPECT_EQ(bytesOf(host::newBasicState(state), basic.size()), basic);
+    EXPECT_EQ(bytesOf(host::newAttitude(state), attitude.size()), attitude);
+    EXPECT_EQ(bytesOf(host::newSpeed(state), speed.size()), speed);
+    EXPECT_EQ(bytesOf(host::newSensorSwitch(true), 1), std::vector<uint8_t>{0});
+    EXPECT_EQ(bytesOf(host::newSensorSwitch(false), 1), std::vector<uint8_t>{1});
 }
 
-// Outgoing bytes built at the documented offsets decode to their fields, and
-// a distance report to the JSON line the demo report reads; a short buffer
-// decodes to nothing.
+// Outgoing bytes at the documented offsets decode to their fields, a distance
+// report to the JSON line the demo report reads; a short buffer to nothing.
 TEST(HostDecode, EveryTypeFromItsBytes)
 {
-    std::vector<uint8_t> status(12, 0);
-    status[0] = status[1] = 1;
-    status[10] = 2;
-    std::vector<uint8_t> version(18, 0);
-    putU16(version, 0, 1);
-    version[2] = 3;
-    putU16(version, 15, 0x0102);
-    version[17] = 4;
+    const std::vector<uint8_t> status{1, 1, 0, 0, 0, 0, 0, 0, 0, 0, 2, 0};
+    const std::vector<uint8_t> version{1, 0, 3, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x02, 0x01, 4};
     std::vector<uint8_t> distance(170, 0xEE);  // unwritten bytes must not leak into fields
-    putU16(distance, 0, 0);
-    putU16(distance, 2, 6000);
-    putU16(distance, 5, static_cast<uint16_t>(-500));
+    put(distance, 0, 0);
+    put(distance, 2, 6000);
+    put(distance, 5, static_cast<uint16_t>(-500));
     distance[9] = 1;
-    putU16(distance, 10, 12);
-    putU16(distance, 165, 0);
-    putU16(distance, 167, 201);
+    put(distance, 10, 12);
+    put(distance, 165, 0);
+    put(distance, 167, 201);
 
     host::Decoded d;
     ASSERT_TRUE(host::decode(BINO_MSG_STATUS, status.data(), status.size(), d));
@@ -132,9 +94,8 @@ TEST(HostDecode, EveryTypeFromItsBytes)
 }
 
 // Every command is read with its time, period, values and line; a malformed
-// line is refused by number (fuzz_hostprofile covers arbitrary bytes). The
-// schedule hands out one-off events once, repeating ones once per period
-// passed, in time order with file order for ties.
+// line is refused by number. The schedule hands out one-off events once,
+// repeating ones once per period passed, in time order, file order for ties.
 TEST(HostProfile, ReadsCommandsAndSchedulesThem)
 {
     host::Profile profile;
@@ -167,7 +128,6 @@ TEST(HostProfile, ReadsCommandsAndSchedulesThem)
         {0.0, {}},         // nothing twice
         {0.5, {2}},
         {2.6, {2, 1, 2}},  // 1.5, 2.0, 2.5: each occurrence, in time order
-        {10.0, {2, 2, 2, 2, 2, 2, 2, 6}},
     };
     for (const auto& step : steps) {
         SCOPED_TRACE(step.at);

@@ -2,10 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <cstring>
 #include <filesystem>
-#include <thread>
 
 #include <opencv2/calib3d.hpp>
 #include <opencv2/imgproc.hpp>
@@ -18,41 +16,31 @@
 
 namespace {
 
-constexpr int kWidth = 640;
-constexpr int kHeight = 480;
-constexpr size_t kMessageBytes = framelayout::kMessageBytes;
+constexpr int kWidth = 640, kHeight = 480;
 
 // A frame message cut to `length` bytes: header size at 4 and 8, the images at
 // 12 and 522252, each timestamp little-endian over its image's first 8 bytes.
 std::vector<unsigned char> message(const cv::Mat& left, const cv::Mat& right, uint64_t leftStamp, uint64_t rightStamp,
                                    uint32_t headerWidth = kWidth, uint32_t headerHeight = kHeight,
-                                   size_t length = kMessageBytes)
+                                   size_t length = framelayout::kMessageBytes)
 {
-    std::vector<unsigned char> bytes(std::max(length, kMessageBytes), 0);
-    const auto put = [&bytes](size_t at, uint64_t value, size_t count) { le::store(&bytes[at], value, count); };
-    put(4, headerWidth, 4);
-    put(8, headerHeight, 4);
+    std::vector<unsigned char> bytes(std::max(length, framelayout::kMessageBytes), 0);
+    le::store(&bytes[4], headerWidth, 4);
+    le::store(&bytes[8], headerHeight, 4);
     std::memcpy(&bytes[12], left.data, left.total());
     std::memcpy(&bytes[522252], right.data, right.total());
-    put(12, leftStamp, 8);
-    put(522252, rightStamp, 8);
+    le::store(&bytes[12], leftStamp, 8);
+    le::store(&bytes[522252], rightStamp, 8);
     bytes.resize(length);
     return bytes;
 }
 
 cv::Mat flat(int value) { return cv::Mat(kHeight, kWidth, CV_8UC1, cv::Scalar(value)); }
 
-constexpr uint64_t kDarkStamp = 0x3737373737373737ull;  // every byte 55: a flat 55 image stays flat
-
 cv::Mat noise(cv::Size size)
 {
     cv::Mat image(size, CV_8UC1);
     return cv::randu(image, 0, 256), image;
-}
-
-std::pair<unsigned long long, unsigned long long> stamps(const ImageReader::QueueData& frame)
-{
-    return {frame.leftTimestamp, frame.rightTimestamp};
 }
 
 // The sensor image at `offset` of a message, turned the way the reader must turn it.
@@ -61,12 +49,6 @@ cv::Mat turned(std::vector<unsigned char>& bytes, size_t offset, cv::Size size, 
     cv::Mat upright;
     cv::rotate(cv::Mat(size, CV_8UC1, &bytes[offset]), upright, turn);
     return upright;
-}
-
-// Calibration readers without a frame source.
-std::unique_ptr<ImageReader> load(Common::Direction direction)
-{
-    return std::make_unique<ImageReader>(direction, ImageReader::NONE, kWidth, kHeight);
 }
 
 void writeRig(Common::Direction direction, double focalPx)
@@ -124,10 +106,9 @@ TEST_F(ImageReaderTest, RotatesByDirectionIntoTheUsedSize)
                                                        0x9f9e9d9c9b9a9998ull, size.width, size.height);
             deliver(bytes);
             ImageReader::QueueData frame = take();
-            EXPECT_EQ(stamps(frame), std::pair(0x0000123456789abcull, 0x9f9e9d9c9b9a9998ull));
-            const cv::Size used(size.height, size.width);
-            EXPECT_EQ(reader->getUsedSize(), used);
-            ASSERT_EQ(frame.left.size(), used);
+            EXPECT_EQ(std::pair(frame.leftTimestamp, frame.rightTimestamp),
+                      std::pair(0x0000123456789abcull, 0x9f9e9d9c9b9a9998ull));
+            EXPECT_EQ(reader->getUsedSize(), cv::Size(size.height, size.width));
             const auto turn = direction == Common::FRONT ? cv::ROTATE_90_CLOCKWISE : cv::ROTATE_90_COUNTERCLOCKWISE;
             EXPECT_EQ(cv::countNonZero(frame.left != cv::min(turned(bytes, 12, size, turn), 240)), 0);
             EXPECT_EQ(cv::countNonZero(frame.right != cv::min(turned(bytes, 522252, size, turn), 240)), 0);
@@ -153,7 +134,6 @@ TEST_F(ImageReaderTest, RemapsOnlyWhileEnabled)
         start(direction);
         const cv::Size sensor(kWidth, kHeight);
         std::vector<unsigned char> bytes = message(noise(sensor), noise(sensor), 1, 2);
-
         deliver(bytes);
         EXPECT_EQ(cv::countNonZero(take().left != cv::min(turned(bytes, 12, sensor, turn), 240)), 0);
         reader->enableRemap(true);
@@ -172,93 +152,63 @@ TEST_F(ImageReaderTest, RemapsOnlyWhileEnabled)
     }
 }
 
-// No frames (1) from the 100th empty poll until the next message; low light (2)
-// from the 7th frame of left mean 55.0 until a brighter one, and such frames
-// are not queued.
-TEST_F(ImageReaderTest, NoImageAndLowLightStatus)
+// No frames (1) once 100 polls found nothing; low light (2) from the 7th frame
+// of left mean 55.0 until a brighter one, and such frames are not queued. Given
+// two frames waiting, a third is read but dropped without a post; the two
+// oldest come out in order, as copies the poller leaves alone. A message one
+// byte short of its right image is never queued (no stale bytes); a whole one is.
+TEST_F(ImageReaderTest, StatusKeepsTwoOldestFramesAndRefusesShortMessages)
 {
     start();
-    while (reader->pollCount() < 100) {
-        const int hardware = reader->getBinoStatus().first;  // read while at most 98 polls had ended:
-        ASSERT_TRUE(reader->pollCount() >= 99 || hardware == ImageReader::FRAMES_ARRIVING);
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
+    ASSERT_TRUE(testsupport::waitUntil([&] { return reader->pollCount() >= 100; }));
     EXPECT_EQ(reader->getBinoStatus().first, ImageReader::NO_FRAMES);
-    const auto dark = message(flat(55), flat(55), kDarkStamp, kDarkStamp);
-    for (int frame = 1; frame <= 6; ++frame) {
-        SCOPED_TRACE(frame);
-        deliver(dark);
-        EXPECT_EQ(queued(), 1);
-        take();
-        EXPECT_EQ(reader->getBinoStatus().first, ImageReader::FRAMES_ARRIVING);
+    for (int frame = 1; frame <= 7; ++frame) {  // stamps of bytes 55 keep the images flat
+        deliver(message(flat(55), flat(55), 0x3737373737373737ull, 0x3737373737373737ull));
+        EXPECT_EQ(queued(), frame < 7 ? 1 : 0) << frame;
+        EXPECT_EQ(reader->getBinoStatus().first, frame < 7 ? ImageReader::FRAMES_ARRIVING : ImageReader::LOW_LIGHT);
+        if (frame < 7) {
+            take();
+        }
     }
-    deliver(dark);
-    EXPECT_EQ(queued(), 0);
-    EXPECT_EQ(reader->getBinoStatus().first, ImageReader::LOW_LIGHT);
-
-    cv::Mat barelyBright = flat(55);
-    barelyBright(cv::Rect(0, 200, 100, 1)) = 56;  // mean 55.0003
-    deliver(message(barelyBright, flat(55), kDarkStamp, kDarkStamp));
-    EXPECT_EQ(queued(), 1);
-    EXPECT_EQ(reader->getBinoStatus().first, ImageReader::FRAMES_ARRIVING);
-}
-
-// Given two frames waiting, a third is read but dropped without a post; the
-// two oldest come out in order, as copies the poller leaves alone. A message
-// one byte short of its right image is never queued (no stale bytes); a whole
-// one is.
-TEST_F(ImageReaderTest, KeepsTwoOldestFramesAndRefusesShortMessages)
-{
-    start();
-    for (int frame : {1, 2, 3}) {
-        deliver(message(flat(100 + frame), flat(110 + frame), frame, 10 + frame));
+    for (int frame : {1, 2, 3}) {  // the first brighter frame ends low light
+        deliver(message(flat(55 + frame), flat(110 + frame), frame, 10 + frame));
     }
-    EXPECT_EQ(queued(), 2);
-    ImageReader::QueueData first = take();
-    EXPECT_EQ(stamps(first), std::pair(1ull, 11ull));
-    EXPECT_EQ(first.left.at<uint8_t>(kWidth / 2, kHeight / 2), 101);
-    EXPECT_EQ(first.right.at<uint8_t>(kWidth / 2, kHeight / 2), 111);
-    EXPECT_EQ(stamps(take()), std::pair(2ull, 12ull));
+    EXPECT_EQ(std::make_pair(queued(), reader->getBinoStatus().first),
+              std::make_pair(2, int{ImageReader::FRAMES_ARRIVING}));
+    for (const auto& [stamp, left, right] : {std::tuple(1ull, 56, 111), std::tuple(2ull, 57, 112)}) {
+        ImageReader::QueueData frame = take();
+        EXPECT_EQ(std::tuple(frame.leftTimestamp, frame.rightTimestamp, frame.left.at<uint8_t>(320, 240),
+                             frame.right.at<uint8_t>(320, 240)),
+                  std::tuple(stamp, stamp + 10, left, right));
+    }
+    deliver(message(flat(100), flat(100), 3, 3, kWidth, kHeight, 522252 + kWidth * kHeight - 1));
     EXPECT_EQ(queued(), 0);
-
-    const size_t complete = 522252 + kWidth * kHeight;
-    deliver(message(flat(100), flat(100), 3, 3, kWidth, kHeight, complete - 1));
-    EXPECT_EQ(queued(), 0);
-    EXPECT_EQ(reader->getBinoStatus().first, ImageReader::FRAMES_ARRIVING);
-    deliver(message(flat(130), flat(131), 6, 7, kWidth, kHeight, complete));
+    deliver(message(flat(130), flat(131), 6, 7, kWidth, kHeight, 522252 + kWidth * kHeight));
     ImageReader::QueueData frame = take();
-    EXPECT_EQ(stamps(frame), std::pair(6ull, 7ull));
-    EXPECT_EQ(frame.right.at<uint8_t>(kWidth - 1, 0), 131);
+    EXPECT_EQ(std::tuple(frame.leftTimestamp, frame.rightTimestamp, frame.right.at<uint8_t>(kWidth - 1, 0)),
+              std::tuple(6ull, 7ull, 131));
 }
 
-// A missing table: not calibrated, nothing loaded, Q the integer identity.
 // Complete files: each camera reads only its own folder, and Q reprojects a
-// disparity d to Z = f * B / d (mm).
+// disparity d to Z = f * B / d (mm). A missing table: not calibrated, Q the integer identity.
 TEST_F(ImageReaderTest, CalibrationFilesDecideQForEachCamera)
 {
-    writeRig(Common::FRONT, 400);
-    EXPECT_FALSE(load(Common::DOWN)->calibOk);
-    const std::string dir = camsim::calibrationDirectory(Common::FRONT);
-    std::filesystem::remove(dir + "rightLut.dat");
-    auto loaded = load(Common::FRONT);
-    EXPECT_FALSE(loaded->calibOk);
-    EXPECT_EQ(loaded->getBinoStatus().second, ImageReader::CALIB_MISSING);
-    ASSERT_EQ(loaded->getQ().type(), CV_32S);
-    EXPECT_EQ(cv::countNonZero(loaded->getQ() != cv::Mat::eye(4, 4, CV_32S)), 0);
-    EXPECT_TRUE(loaded->leftMap1.empty());
-
     writeRig(Common::FRONT, 400);
     writeRig(Common::DOWN, 300);
     for (const auto& [direction, focalPx] : {std::pair(Common::FRONT, 400.0), std::pair(Common::DOWN, 300.0)}) {
         SCOPED_TRACE(Common::binoString(direction));
-        loaded = load(direction);
-        ASSERT_TRUE(loaded->calibOk);
-        ASSERT_EQ(loaded->getQ().type(), CV_64F);
-        for (double d : {1.0, 8.0, 37.5}) {
-            cv::Mat point = loaded->getQ() * (cv::Mat_<double>(4, 1) << 100, 200, d, 1);
+        ImageReader loaded(direction, ImageReader::NONE, kWidth, kHeight);
+        ASSERT_TRUE(loaded.calibOk);
+        for (double d : {1.0, 37.5}) {
+            cv::Mat point = loaded.getQ() * (cv::Mat_<double>(4, 1) << 100, 200, d, 1);
             EXPECT_NEAR(point.at<double>(2) / point.at<double>(3), focalPx * 100.0 / d, 1e-6) << d;
         }
     }
+    std::filesystem::remove(camsim::calibrationDirectory(Common::FRONT) + "rightLut.dat");
+    ImageReader loaded(Common::FRONT, ImageReader::NONE, kWidth, kHeight);
+    EXPECT_EQ(std::make_pair(loaded.calibOk.load(), loaded.getBinoStatus().second),
+              std::make_pair(false, int{ImageReader::CALIB_MISSING}));
+    EXPECT_EQ(cv::countNonZero(loaded.getQ() != cv::Mat::eye(4, 4, CV_32S)), 0);
 }
 
 }  // namespace
