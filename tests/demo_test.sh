@@ -19,6 +19,8 @@ export DEMO_NO_BUILD=1 BUILD_DIR="$build_dir" DEMO_ROOT="$scratch/root" BINOCULA
 fail() {
   echo "FAIL: $*" >&2
   [ -f out.txt ] && cat out.txt >&2
+  # A sanitizer's report lands in the log of the program it stopped.
+  grep -h -A60 -E '^(WARNING: ThreadSanitizer|==[0-9]+==ERROR|.*runtime error:)' root/demo/*.log 2>/dev/null | head -200 >&2 || true
   exit 1
 }
 
