@@ -28,13 +28,14 @@ import sys
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "scripts"))
 import bino_records  # noqa: E402
 
-STAGES = ["polled", "queued", "got", "matched", "chained", "posted", "recorded", "streamed"]
+STAGES = ["polled", "queued", "got", "rectified", "matched", "chained", "posted", "recorded", "streamed"]
 # (name, from, to): "stamp" is the frame's timestamp, "report" the callback.
 BREAKDOWN = [
     ("in the queue until polled (5 ms poll)", "stamp", "polled"),
-    ("rotate, rectify, clip, copy", "polled", "queued"),
+    ("poller: copy (or rotate, clip)", "polled", "queued"),
     ("waiting for the worker", "queued", "got"),
-    ("disparity", "got", "matched"),
+    ("rectify the rows matched", "got", "rectified"),
+    ("disparity", "rectified", "matched"),
     ("distance chain", "matched", "chained"),
     ("chained -> host callback", "chained", "report"),
     ("end to end", "stamp", "report"),

@@ -241,12 +241,12 @@ void DroneBino::runPass(cv::Mat& left, cv::Mat& right, cv::Mat& disparity)
     if (!logger->isOpen()) {
         logger->open(brake->getLogHeader());
     }
-    unsigned long long leftTimestamp = 0;
-    unsigned long long rightTimestamp = 0;
-    reader->getImageBlock(left, right, leftTimestamp, rightTimestamp);
+    ImageReader::QueueData frame = reader->getFrameBlock();
     if (worker.stopping()) {
         return;
     }
+    const unsigned long long leftTimestamp = frame.leftTimestamp;
+    const unsigned long long rightTimestamp = frame.rightTimestamp;
     stages->begin(leftTimestamp);
     const ImageReader::FrameTimes readerTimes = reader->takenFrameTimes();
     stages->set(StageTrace::POLLED, readerTimes.polledUs);
@@ -256,7 +256,11 @@ void DroneBino::runPass(cv::Mat& left, cv::Mat& right, cv::Mat& disparity)
     brake->setFlyInfo(info);
     if (brake->meetSpeed()) {
         stereo->setPitch(info.pitch);
-        stereo->compute(left, right, disparity, 0);
+        // The distance waits only for the rows the matcher reads; the rest
+        // are rectified after the reporter has been woken.
+        frame.rectifyRows(stereo->rowsRead(frame.left.rows, frame.left.cols));
+        stages->mark(StageTrace::RECTIFIED);
+        stereo->compute(frame.left, frame.right, disparity, 0);
         stages->mark(StageTrace::MATCHED);
         brake->setDisparity(disparity, reader->getQ());
     } else {
@@ -265,6 +269,9 @@ void DroneBino::runPass(cv::Mat& left, cv::Mat& right, cv::Mat& disparity)
     stages->mark(StageTrace::CHAINED);
     frameReady->post();
     stages->mark(StageTrace::POSTED);
+    frame.complete();
+    left = frame.left;
+    right = frame.right;
 
     brake->getTargetRegionFromBrake(cv::Vec3f(targetRegion[0], targetRegion[1], targetRegion[2]));
     std::vector<std::string> columns = brake->getLogline();

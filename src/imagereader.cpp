@@ -15,6 +15,7 @@
 #include "littleendian.h"
 #include "paths.h"
 #include "stagetrace.h"
+#include "threadpool.h"
 
 namespace {
 
@@ -301,7 +302,8 @@ void ImageReader::processMessage(size_t length)
         return;
     }
     const bool rectify = remapEnabled.load(std::memory_order_relaxed);
-    if (!(rectify && rectifyFromRaw())) {
+    pending.reset();
+    if (!(rectify && deferRectification())) {
         rotateImage();
         if (rectify) {
             calibImage();
@@ -310,8 +312,10 @@ void ImageReader::processMessage(size_t length)
     if (left.empty() || right.empty()) {
         return;
     }
-    cv::threshold(left, left, kClipLevel, 255, cv::THRESH_TRUNC);
-    cv::threshold(right, right, kClipLevel, 255, cv::THRESH_TRUNC);
+    if (!pending) {
+        cv::threshold(left, left, kClipLevel, 255, cv::THRESH_TRUNC);
+        cv::threshold(right, right, kClipLevel, 255, cv::THRESH_TRUNC);
+    }
     matEnqueue();
 }
 
@@ -381,24 +385,73 @@ void ImageReader::matEnqueue()
     if (frames.full()) {
         return;
     }
-    frames.push(QueueData{left.clone(), right.clone(), leftTimestamp, rightTimestamp,
-                          FrameTimes{polledUs, StageTrace::nowUs()}});
+    frames.push(QueueData{left, right, leftTimestamp, rightTimestamp, FrameTimes{polledUs, StageTrace::nowUs()},
+                          std::move(pending)});
+    // The queued frame owns these buffers now; the next one gets its own.
+    left.release();
+    right.release();
     frameReady->post();
 }
 
 int ImageReader::getImageBlock(cv::Mat& leftImage, cv::Mat& rightImage, unsigned long long& leftStamp,
                                unsigned long long& rightStamp)
 {
-    frameReady->wait();
-    std::lock_guard<std::mutex> lock(consumerLock);
-    QueueData frame = frames.pop();
+    QueueData frame = getFrameBlock();
+    frame.complete();
     leftImage = frame.left;
     rightImage = frame.right;
     leftStamp = frame.leftTimestamp;
     rightStamp = frame.rightTimestamp;
-    takenTimes = frame.times;
     return 0;
 }
+
+ImageReader::QueueData ImageReader::getFrameBlock()
+{
+    frameReady->wait();
+    std::lock_guard<std::mutex> lock(consumerLock);
+    QueueData frame = frames.pop();
+    takenTimes = frame.times;
+    return frame;
+}
+
+void ImageReader::QueueData::rectifyRows(cv::Range rows)
+{
+    if (!pending) {
+        return;
+    }
+    std::vector<uint8_t>& ready = pending->rowReady;
+    const int count = static_cast<int>(ready.size());
+    const int last = std::clamp(rows.end, 0, count);
+    // Each run of rows not yet ready is remapped as one piece: an output row
+    // depends only on its own row of the maps, so pieces join into exactly
+    // the image one remap of the whole would give.
+    for (int first = std::clamp(rows.start, 0, count); first < last;) {
+        if (ready[static_cast<size_t>(first)] != 0) {
+            ++first;
+            continue;
+        }
+        int end = first;
+        while (end < last && ready[static_cast<size_t>(end)] == 0) {
+            ready[static_cast<size_t>(end++)] = 1;
+        }
+        cv::Mat* images[2] = {&left, &right};
+        Pending& from = *pending;
+        // Left and right side by side: both cores, when the other pair
+        // leaves one free.
+        threadpool::run(2, [&](int i) {
+            cv::Mat piece = images[i]->rowRange(first, end);
+            cv::remap(from.raw[i], piece, from.map1[i].rowRange(first, end), from.map2[i].rowRange(first, end),
+                      cv::INTER_LINEAR, cv::BORDER_CONSTANT, cv::Scalar());
+            cv::threshold(piece, piece, kClipLevel, 255, cv::THRESH_TRUNC);
+        });
+        first = end;
+    }
+    if (std::all_of(ready.begin(), ready.end(), [](uint8_t flag) { return flag != 0; })) {
+        pending.reset();
+    }
+}
+
+void ImageReader::QueueData::complete() { rectifyRows(cv::Range(0, left.rows)); }
 
 cv::Size ImageReader::getUsedSize() { return usedSize; }
 
@@ -518,7 +571,7 @@ void ImageReader::calibImage()
     right = remapped(right, rightMap1, rightMap2);
 }
 
-bool ImageReader::rectifyFromRaw()
+bool ImageReader::deferRectification()
 {
     if (leftMap1.empty() || rightMap1.empty() || (direction != Common::FRONT && direction != Common::DOWN)) {
         return false;
@@ -535,7 +588,16 @@ bool ImageReader::rectifyFromRaw()
         }
         foldedFrom = {leftMap1.data, rightMap1.data};
     }
-    left = remapped(leftRaw, leftRawMap1, leftRawMap2);
-    right = remapped(rightRaw, rightRawMap1, rightRawMap2);
+    if (leftRawMap1.size() != rightRawMap1.size()) {
+        return false;
+    }
+    auto frame = std::make_shared<QueueData::Pending>();
+    frame->raw = {leftRaw.clone(), rightRaw.clone()};
+    frame->map1 = {leftRawMap1, rightRawMap1};
+    frame->map2 = {leftRawMap2, rightRawMap2};
+    frame->rowReady.assign(static_cast<size_t>(leftRawMap1.rows), 0);
+    left.create(leftRawMap1.size(), CV_8UC1);
+    right.create(rightRawMap1.size(), CV_8UC1);
+    pending = std::move(frame);
     return true;
 }

@@ -57,13 +57,33 @@ public:
         uint64_t queuedUs = 0;
     };
 
-    /// One queued frame: deep copies, so the poller never touches them again.
+    /// One queued frame: images of its own, so the poller never touches them
+    /// again. With rectification on, the poller only copies the raw images
+    /// and the consumer rectifies: first the rows it needs at once
+    /// (rectifyRows), the rest when it gets to them (complete). The bytes
+    /// are those the poller would have made.
     struct QueueData {
+        /// Rectified and clipped only in the rows made ready so far; whole
+        /// after complete().
         cv::Mat left;
         cv::Mat right;
         unsigned long long leftTimestamp = 0;
         unsigned long long rightTimestamp = 0;
         FrameTimes times;
+
+        /// Raw images and the maps that read them, kept until every row is ready.
+        struct Pending {
+            std::array<cv::Mat, 2> raw;
+            std::array<cv::Mat, 2> map1;
+            std::array<cv::Mat, 2> map2;
+            std::vector<uint8_t> rowReady;  ///< one flag per row of left/right
+        };
+        std::shared_ptr<Pending> pending;  ///< null once every row is ready
+
+        /// Makes `rows` (clamped to the image) ready in left and right.
+        void rectifyRows(cv::Range rows);
+        /// Makes every row ready.
+        void complete();
     };
 
     /// The frame queue: two slots, one producer (the poller, under
@@ -135,13 +155,19 @@ public:
     /// Updates the low-light detector from leftRaw's mean; returns lowLight.
     bool checkLowLight();
     void rotateImage();
-    /// Queues deep copies of left/right unless two frames are waiting; posts
+    /// Queues left/right unless two frames are waiting, and leaves the
+    /// members empty, so the next frame is made in new buffers; posts
     /// frameReady only for a queued frame.
     void matEnqueue();
 
-    /// Blocks until a frame is queued and hands out the oldest one. Returns 0.
+    /// Blocks until a frame is queued and hands out the oldest one, whole.
+    /// Returns 0.
     int getImageBlock(cv::Mat& left, cv::Mat& right, unsigned long long& leftTimestamp,
                       unsigned long long& rightTimestamp);
+    /// As getImageBlock, but the frame may still have rows to rectify: the
+    /// caller makes ready what it reads first, and completes the rest later.
+    /// Sets takenFrameTimes() as well.
+    QueueData getFrameBlock();
 
     cv::Size getUsedSize();
     /// Header copy of Q: the 4x4 CV_64F reprojection matrix (depth in the unit
@@ -210,14 +236,17 @@ private:
     std::string calibFile(const char* fileName) const;
     void startThread(void (ImageReader::*body)());
 
-    /// rotateImage() then calibImage() in one remap of the raw images, with
-    /// the same result to the byte; false (nothing done) without maps of the
-    /// usual form.
-    bool rectifyFromRaw();
+    /// Readies the frame for rotateImage() then calibImage() in one remap of
+    /// the raw images by its consumer, with the same result to the byte:
+    /// copies the raw images into `pending` and sets left/right to the
+    /// unfilled results. False (nothing done) without maps of the usual form.
+    bool deferRectification();
 
     size_t messageLength = 0;  ///< bytes of the message now in frameBuffer
     uint64_t polledUs = 0;     ///< when the message now in frameBuffer was taken
     FrameTimes takenTimes;     ///< of the frame getImageBlock handed out last
+    /// Raw copies and maps of the frame in left/right, when its rectification is left to the consumer.
+    std::shared_ptr<QueueData::Pending> pending;
     /// The rectification maps with the quarter turn folded in, read the raw
     /// images; the poller's own, made from the maps whose data foldedFrom names.
     cv::Mat leftRawMap1;

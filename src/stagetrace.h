@@ -3,12 +3,12 @@
 // Off unless the environment variable BINOCULAR_STAGE_TRACE names a
 // directory; then each pipeline appends one line per processed frame to
 // "<directory>/<pair>.stages":
-//   <frame stamp> <polled> <queued> <got> <matched> <chained> <posted>
-//   <recorded> <streamed>
+//   <frame stamp> <polled> <queued> <got> <rectified> <matched> <chained>
+//   <posted> <recorded> <streamed>
 // the camera's left timestamp, then CLOCK_MONOTONIC microseconds (the
 // camera's clock) when the poller took the message from the queue, when it
-// had queued the rotated, rectified and clipped frame, and when the worker
-// had the frame, had the disparity, had the distance chain's result, had
+// had queued the frame, and when the worker had the frame, had rectified the
+// rows the matcher reads, had the disparity, had the distance chain's result, had
 // posted the reporter, had written the record and images, and had streamed
 // to the viewer. Thread-bound: the pipeline's
 // worker only.
@@ -20,7 +20,7 @@
 
 class StageTrace {
 public:
-    enum Stage { POLLED, QUEUED, GOT, MATCHED, CHAINED, POSTED, RECORDED, STREAMED, STAGES };
+    enum Stage { POLLED, QUEUED, GOT, RECTIFIED, MATCHED, CHAINED, POSTED, RECORDED, STREAMED, STAGES };
 
     static constexpr const char* kVariable = "BINOCULAR_STAGE_TRACE";
 

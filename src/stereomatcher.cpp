@@ -206,14 +206,24 @@ cv::Rect StereoMatcher::decideROI(float pitch_, int rows, int cols)
     return roi;
 }
 
+cv::Range StereoMatcher::rowsRead(int rows, int cols)
+{
+    if (matcher != BM) {
+        return cv::Range(0, rows);
+    }
+    const cv::Rect band = decideROI(pitch, rows, cols);
+    return cv::Range(band.y, band.y + band.height);
+}
+
 void StereoMatcher::getDisparityBM(cv::Mat& left, cv::Mat& right, cv::Mat& disparity, ParaType)
 {
-    cv::Mat raw(left.size(), CV_16S, cv::Scalar(0));  // 1/16 px
     const cv::Rect roi = decideROI(pitch, left.rows, left.cols);
-    cv::Mat rawBand = raw(roi);
-    stripedBm->compute(left(roi), right(roi), rawBand);
-    // Rounds to whole px; StereoBM's invalid -16 becomes -1.
-    raw.convertTo(disparity, CV_16S, 1.0 / kBmFractionScale);
+    stripedBm->compute(left(roi), right(roi), bandDisparity);  // 1/16 px
+    // Rounds to whole px; StereoBM's invalid -16 becomes -1. Outside the
+    // band the map reads 0.
+    disparity.create(left.size(), CV_16S);
+    disparity.setTo(cv::Scalar(0));
+    bandDisparity.convertTo(disparity(roi), CV_16S, 1.0 / kBmFractionScale);
 }
 
 void StereoMatcher::getDisparityDPU(cv::Mat& left, cv::Mat& right, cv::Mat& disparity, ParaType)

@@ -61,6 +61,10 @@ public:
     /// rows and more than 160 columns.
     cv::Rect decideROI(float pitch, int rows, int cols);
 
+    /// Rows of images of `rows` x `cols` px that the next compute reads: the
+    /// band for the pitch set with BM, every row otherwise.
+    cv::Range rowsRead(int rows, int cols);
+
     std::string name;  ///< log prefix "[BINOLIB] [front]" or "[BINOLIB] [down]"
     Common::Direction direction;
     Matcher matcher;
@@ -75,6 +79,8 @@ public:
     /// parallel stripes, with bm's very result.
     std::unique_ptr<StripedBlockMatcher> stripedBm;
     float pitch = 0.0f;
+    /// BM only: the band's disparity in 1/16 px, kept between calls.
+    cv::Mat bandDisparity;
 
     /// Whether the dump of the first front frame is still to be written.
     /// Process-wide; only front matchers touch it.

@@ -117,8 +117,8 @@ TEST_F(ImageReaderTest, RotatesByDirectionIntoTheUsedSize)
 }
 
 // Rectification, with each camera's own maps on the turned image, applies
-// before the clip and only while enabled; the reader's single remap of the
-// raw image gives the turned-then-rectified image to the byte.
+// before the clip and only while enabled; one remap of the raw image, in
+// pieces of rows, gives the turned-then-rectified image to the byte.
 TEST_F(ImageReaderTest, RemapsOnlyWhileEnabled)
 {
     const cv::Mat camera = (cv::Mat_<double>(3, 3) << 300, 0, 240, 0, 300, 320, 0, 0, 1);
@@ -138,7 +138,13 @@ TEST_F(ImageReaderTest, RemapsOnlyWhileEnabled)
         EXPECT_EQ(cv::countNonZero(take().left != cv::min(turned(bytes, 12, sensor, turn), 240)), 0);
         reader->enableRemap(true);
         deliver(bytes);
-        ImageReader::QueueData rectified = take();
+        ASSERT_GT(queued(), 0);
+        // Made ready in three pieces: the rows a matcher reads first, then the rest.
+        ImageReader::QueueData rectified = reader->getFrameBlock();
+        rectified.rectifyRows(cv::Range(40, 320));
+        const cv::Mat firstRows = rectified.left.rowRange(40, 320).clone();
+        rectified.complete();
+        EXPECT_EQ(cv::countNonZero(firstRows != rectified.left.rowRange(40, 320)), 0);
         cv::Mat R[2], P[2], Q;
         const cv::Size used(kHeight, kWidth);
         cv::stereoRectify(camera, distortion[0], camera, distortion[1], used, cv::Mat::eye(3, 3, CV_64F),
