@@ -34,7 +34,7 @@ BREAKDOWN = [
     ("in the queue until polled (5 ms poll)", "stamp", "polled"),
     ("poller: copy (or rotate, clip)", "polled", "queued"),
     ("waiting for the worker", "queued", "got"),
-    ("rectify the rows matched", "got", "rectified"),
+    ("rectify what the matcher reads", "got", "rectified"),
     ("disparity", "rectified", "matched"),
     ("distance chain", "matched", "chained"),
     ("chained -> host callback", "chained", "report"),

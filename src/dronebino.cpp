@@ -256,9 +256,9 @@ void DroneBino::runPass(cv::Mat& left, cv::Mat& right, cv::Mat& disparity)
     brake->setFlyInfo(info);
     if (brake->meetSpeed()) {
         stereo->setPitch(info.pitch);
-        // The distance waits only for the rows the matcher reads; the rest
-        // are rectified after the reporter has been woken.
-        frame.rectifyRows(stereo->rowsRead(frame.left.rows, frame.left.cols));
+        // The distance waits only for the part the matcher reads; the rest
+        // is rectified after the reporter has been woken.
+        frame.rectifyRegion(stereo->regionRead(frame.left.rows, frame.left.cols));
         stages->mark(StageTrace::RECTIFIED);
         stereo->compute(frame.left, frame.right, disparity, 0);
         stages->mark(StageTrace::MATCHED);

@@ -414,44 +414,53 @@ ImageReader::QueueData ImageReader::getFrameBlock()
     return frame;
 }
 
-void ImageReader::QueueData::rectifyRows(cv::Range rows)
+void ImageReader::QueueData::rectifyRegion(cv::Rect region)
 {
     if (!pending) {
         return;
     }
-    std::vector<uint8_t>& ready = pending->rowReady;
-    const int count = static_cast<int>(ready.size());
-    const int last = std::clamp(rows.end, 0, count);
-    // Each run of rows not yet ready is remapped as one piece: an output row
-    // depends only on its own row of the maps, so pieces join into exactly
-    // the image one remap of the whole would give.
-    for (int first = std::clamp(rows.start, 0, count); first < last;) {
-        if (ready[static_cast<size_t>(first)] != 0) {
-            ++first;
-            continue;
-        }
-        int end = first;
-        while (end < last && ready[static_cast<size_t>(end)] == 0) {
-            ready[static_cast<size_t>(end++)] = 1;
-        }
-        cv::Mat* images[2] = {&left, &right};
-        Pending& from = *pending;
-        // Left and right side by side: both cores, when the other pair
-        // leaves one free.
-        threadpool::run(2, [&](int i) {
-            cv::Mat piece = images[i]->rowRange(first, end);
-            cv::remap(from.raw[i], piece, from.map1[i].rowRange(first, end), from.map2[i].rowRange(first, end),
-                      cv::INTER_LINEAR, cv::BORDER_CONSTANT, cv::Scalar());
-            cv::threshold(piece, piece, kClipLevel, 255, cv::THRESH_TRUNC);
-        });
-        first = end;
+    const cv::Rect whole(0, 0, left.cols, left.rows);
+    region &= whole;
+    cv::Rect& ready = pending->ready;
+    if ((region & ready) == region) {
+        return;
     }
-    if (std::all_of(ready.begin(), ready.end(), [](uint8_t flag) { return flag != 0; })) {
+    // Each output pixel depends only on its own place in the maps, so regions
+    // remapped apart join into exactly the image one remap would give.
+    std::vector<cv::Rect> pieces;
+    if (ready.empty()) {
+        pieces = {region};
+        ready = region;
+    } else {
+        // What surrounds the ready region: the rows above and below it, and
+        // the columns left and right of it in its own rows.
+        pieces = {cv::Rect(0, 0, whole.width, ready.y),
+                  cv::Rect(0, ready.br().y, whole.width, whole.height - ready.br().y),
+                  cv::Rect(0, ready.y, ready.x, ready.height),
+                  cv::Rect(ready.br().x, ready.y, whole.width - ready.br().x, ready.height)};
+        ready = whole;
+    }
+    cv::Mat* images[2] = {&left, &right};
+    const Pending& from = *pending;
+    // Left and right side by side: both cores, when the other pair leaves
+    // one free.
+    threadpool::run(2, [&](int i) {
+        for (const cv::Rect& piece : pieces) {
+            if (piece.empty()) {
+                continue;
+            }
+            cv::Mat out = (*images[i])(piece);
+            cv::remap(from.raw[i], out, from.map1[i](piece), from.map2[i](piece), cv::INTER_LINEAR, cv::BORDER_CONSTANT,
+                      cv::Scalar());
+            cv::threshold(out, out, kClipLevel, 255, cv::THRESH_TRUNC);
+        }
+    });
+    if (ready == whole) {
         pending.reset();
     }
 }
 
-void ImageReader::QueueData::complete() { rectifyRows(cv::Range(0, left.rows)); }
+void ImageReader::QueueData::complete() { rectifyRegion(cv::Rect(0, 0, left.cols, left.rows)); }
 
 cv::Size ImageReader::getUsedSize() { return usedSize; }
 
@@ -595,7 +604,6 @@ bool ImageReader::deferRectification()
     frame->raw = {leftRaw.clone(), rightRaw.clone()};
     frame->map1 = {leftRawMap1, rightRawMap1};
     frame->map2 = {leftRawMap2, rightRawMap2};
-    frame->rowReady.assign(static_cast<size_t>(leftRawMap1.rows), 0);
     left.create(leftRawMap1.size(), CV_8UC1);
     right.create(rightRawMap1.size(), CV_8UC1);
     pending = std::move(frame);

@@ -59,11 +59,11 @@ public:
 
     /// One queued frame: images of its own, so the poller never touches them
     /// again. With rectification on, the poller only copies the raw images
-    /// and the consumer rectifies: first the rows it needs at once
-    /// (rectifyRows), the rest when it gets to them (complete). The bytes
+    /// and the consumer rectifies: first the region it needs at once
+    /// (rectifyRegion), the rest when it gets to them (complete). The bytes
     /// are those the poller would have made.
     struct QueueData {
-        /// Rectified and clipped only in the rows made ready so far; whole
+        /// Rectified and clipped only in the region made ready so far; whole
         /// after complete().
         cv::Mat left;
         cv::Mat right;
@@ -71,18 +71,20 @@ public:
         unsigned long long rightTimestamp = 0;
         FrameTimes times;
 
-        /// Raw images and the maps that read them, kept until every row is ready.
+        /// Raw images and the maps that read them, kept until every pixel is ready.
         struct Pending {
             std::array<cv::Mat, 2> raw;
             std::array<cv::Mat, 2> map1;
             std::array<cv::Mat, 2> map2;
-            std::vector<uint8_t> rowReady;  ///< one flag per row of left/right
+            cv::Rect ready;  ///< the region made ready so far
         };
-        std::shared_ptr<Pending> pending;  ///< null once every row is ready
+        std::shared_ptr<Pending> pending;  ///< null once every pixel is ready
 
-        /// Makes `rows` (clamped to the image) ready in left and right.
-        void rectifyRows(cv::Range rows);
-        /// Makes every row ready.
+        /// Makes `region` (clipped to the image) ready in left and right.
+        /// Only one region is kept apart: asked for a second one that the
+        /// first does not contain, it makes the whole images ready.
+        void rectifyRegion(cv::Rect region);
+        /// Makes every pixel ready.
         void complete();
     };
 

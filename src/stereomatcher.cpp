@@ -206,13 +206,9 @@ cv::Rect StereoMatcher::decideROI(float pitch_, int rows, int cols)
     return roi;
 }
 
-cv::Range StereoMatcher::rowsRead(int rows, int cols)
+cv::Rect StereoMatcher::regionRead(int rows, int cols)
 {
-    if (matcher != BM) {
-        return cv::Range(0, rows);
-    }
-    const cv::Rect band = decideROI(pitch, rows, cols);
-    return cv::Range(band.y, band.y + band.height);
+    return matcher == BM ? decideROI(pitch, rows, cols) : cv::Rect(0, 0, cols, rows);
 }
 
 void StereoMatcher::getDisparityBM(cv::Mat& left, cv::Mat& right, cv::Mat& disparity, ParaType)

@@ -61,9 +61,9 @@ public:
     /// rows and more than 160 columns.
     cv::Rect decideROI(float pitch, int rows, int cols);
 
-    /// Rows of images of `rows` x `cols` px that the next compute reads: the
-    /// band for the pitch set with BM, every row otherwise.
-    cv::Range rowsRead(int rows, int cols);
+    /// The part of images of `rows` x `cols` px that the next compute reads:
+    /// the band for the pitch set with BM, all of them otherwise.
+    cv::Rect regionRead(int rows, int cols);
 
     std::string name;  ///< log prefix "[BINOLIB] [front]" or "[BINOLIB] [down]"
     Common::Direction direction;

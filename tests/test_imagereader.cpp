@@ -139,12 +139,14 @@ TEST_F(ImageReaderTest, RemapsOnlyWhileEnabled)
         reader->enableRemap(true);
         deliver(bytes);
         ASSERT_GT(queued(), 0);
-        // Made ready in three pieces: the rows a matcher reads first, then the rest.
+        // Made ready in five pieces: the region a matcher reads first, then
+        // what surrounds it.
         ImageReader::QueueData rectified = reader->getFrameBlock();
-        rectified.rectifyRows(cv::Range(40, 320));
-        const cv::Mat firstRows = rectified.left.rowRange(40, 320).clone();
+        const cv::Rect band(80, 40, 320, 280);
+        rectified.rectifyRegion(band);
+        const cv::Mat first = rectified.left(band).clone();
         rectified.complete();
-        EXPECT_EQ(cv::countNonZero(firstRows != rectified.left.rowRange(40, 320)), 0);
+        EXPECT_EQ(cv::countNonZero(first != rectified.left(band)), 0);
         cv::Mat R[2], P[2], Q;
         const cv::Size used(kHeight, kWidth);
         cv::stereoRectify(camera, distortion[0], camera, distortion[1], used, cv::Mat::eye(3, 3, CV_64F),
