@@ -2,7 +2,9 @@
 // The stereo frame reader of one camera pair: a polling thread takes whole
 // frame messages from the camera's shared-memory queue, rotates the two grey
 // images upright, optionally rectifies them, clips highlights at 240 and keeps
-// at most two frames for the camera pipeline. It also holds the pair's
+// at most two frames for the camera pipeline. With rectification on, the turn,
+// the rectification and the clip are done in one remap of the raw images by
+// the frame's consumer, which can ready the part it needs first (QueueData). It also holds the pair's
 // calibration (the reprojection matrix Q and the rectification maps) and its
 // health for the status report.
 //
