@@ -1,7 +1,8 @@
 // The frame reader's per-frame work (rotate, optional remap, clip at 240,
 // queue copy) on a message already in its buffer, against the baseline of
-// copying the two images once, for a grid of camera sizes. Read the ratio of
-// BM_PollerFrame to BM_CopyTwoImages at the same size.
+// copying the two images once, for a grid of camera sizes. With remap on the
+// poller only copies, and getImageBlock rectifies the whole frame. Read the
+// ratio of BM_PollerFrame to BM_CopyTwoImages at the same size.
 //
 // Args: configured width, configured height; remap off (0) or on (1).
 
