@@ -2,11 +2,11 @@
 // The stereo frame reader of one camera pair: a polling thread takes whole
 // frame messages from the camera's shared-memory queue, rotates the two grey
 // images upright, optionally rectifies them, clips highlights at 240 and keeps
-// at most two frames for the camera pipeline. With rectification on, the turn,
-// the rectification and the clip are done in one remap of the raw images by
-// the frame's consumer, which can ready the part it needs first (QueueData). It also holds the pair's
-// calibration (the reprojection matrix Q and the rectification maps) and its
-// health for the status report.
+// at most two frames for the camera pipeline. With rectification on, the
+// turn, the rectification and the clip are done in one remap of the raw
+// images by the frame's consumer, which can ready the part it needs first
+// (QueueData). It also holds the pair's calibration (the reprojection matrix
+// Q and the rectification maps) and its health for the status report.
 //
 // The frame message layout is in framelayout.h.
 //
@@ -168,7 +168,7 @@ public:
     /// Returns 0.
     int getImageBlock(cv::Mat& left, cv::Mat& right, unsigned long long& leftTimestamp,
                       unsigned long long& rightTimestamp);
-    /// As getImageBlock, but the frame may still have rows to rectify: the
+    /// As getImageBlock, but the frame may still have parts to rectify: the
     /// caller makes ready what it reads first, and completes the rest later.
     /// Sets takenFrameTimes() as well.
     QueueData getFrameBlock();
@@ -249,7 +249,8 @@ private:
     size_t messageLength = 0;  ///< bytes of the message now in frameBuffer
     uint64_t polledUs = 0;     ///< when the message now in frameBuffer was taken
     FrameTimes takenTimes;     ///< of the frame getImageBlock handed out last
-    /// Raw copies and maps of the frame in left/right, when its rectification is left to the consumer.
+    /// Raw copies and maps of the frame in left/right, when its rectification
+    /// is left to the consumer.
     std::shared_ptr<QueueData::Pending> pending;
     /// The rectification maps with the quarter turn folded in, read the raw
     /// images; the poller's own, made from the maps whose data foldedFrom names.

@@ -7,11 +7,10 @@
 //   <posted> <recorded> <streamed>
 // the camera's left timestamp, then CLOCK_MONOTONIC microseconds (the
 // camera's clock) when the poller took the message from the queue, when it
-// had queued the frame, and when the worker had the frame, had rectified the
-// part the matcher reads, had the disparity, had the distance chain's result, had
-// posted the reporter, had written the record and images, and had streamed
-// to the viewer. Thread-bound: the pipeline's
-// worker only.
+// had queued the frame, and when the worker had the frame, had rectified
+// the part the matcher reads, had the disparity, had the distance chain's
+// result, had posted the reporter, had written the record and images, and had
+// streamed to the viewer. Thread-bound: the pipeline's worker only.
 
 #include <array>
 #include <cstdint>
