@@ -21,8 +21,13 @@
 #include <tuple>
 #include <vector>
 
+#include <opencv2/core.hpp>
+
 #include "binocular/binocular.h"
+#include "framelayout.h"
+#include "framemessage.h"
 #include "hostmessage.h"
+#include "imagereader.h"
 #include "paths.h"
 #include "test_support.h"
 
@@ -95,6 +100,7 @@ void send(uint32_t type, size_t size, size_t offset = 0, std::vector<uint8_t> by
 
 struct Pair {
     int matcher = 0, width = 640, height = 480;  // matcher 0: the stereo unit; 1: block matching
+    int saveImage = 0, saveInterval = 5;
 };
 
 void writeConfig(bool sensing, bool enableDown, const Pair& front, const Pair& down)
@@ -104,7 +110,8 @@ void writeConfig(bool sensing, bool enableDown, const Pair& front, const Pair& d
     ini << "[common]\nvisionSwitch = " << sensing << "\nenableFront = 1\nenableDown = " << enableDown << "\n";
     for (const auto& [name, pair] : {std::pair<const char*, Pair>("front", front), {"down", down}}) {
         ini << "[" << name << "]\nimageType = 0\nwidth = " << pair.width << "\nheight = " << pair.height
-            << "\nsource = 0\nmatcher = " << pair.matcher << "\nprocessor = 0\nsaveImage = 0\nsaveInterval = 5\n";
+            << "\nsource = 0\nmatcher = " << pair.matcher << "\nprocessor = 0\nsaveImage = " << pair.saveImage
+            << "\nsaveInterval = " << pair.saveInterval << "\n";
     }
     fs::create_directories(paths::resolve("/home/tarnwick/scripts"));
     fs::create_directories(paths::resolve("/run"));
@@ -251,6 +258,56 @@ TEST(ModuleHost, MessagesSwitchAndRecordsAreExact)
             EXPECT_EQ(std::count(rest.begin(), rest.end(), 0), 170);
         }
         EXPECT_NEAR(medianDistance(2), 5.0, 0.15);
+    });
+}
+
+// Block matching rectifies first only what it reads; the raw images recorded are
+// nonetheless whole: each the very frame the reader hands out for the same message.
+TEST(ModuleHost, RecordedImagesAreWholeRectifiedFrames)
+{
+    inChild([] {
+        writeConfig(true, false, Pair{1, 640, 480, 1, 1}, Pair{0});
+        ASSERT_EQ(Camsim::run(kFrontRig + " --calib-only"), 0);
+        cv::Mat upright[2] = {cv::Mat(640, 480, CV_8UC1), cv::Mat(640, 480, CV_8UC1)};
+        for (int i : {0, 1}) {
+            cv::randu(upright[i], 0, 256);  // noise: every pixel tells
+            std::ofstream(i == 0 ? "left.yuv" : "right.yuv", std::ios::binary)
+                .write(reinterpret_cast<const char*>(upright[i].data),
+                       static_cast<std::streamsize>(upright[i].total()));
+        }
+        ASSERT_EQ(startModule(), 0);
+        {
+            Camsim replay(kFrontRig + " --fps 30 --no-calib --yuv-left left.yuv --yuv-right right.yuv");
+            ASSERT_TRUE(waitUntil([] { return recordLines().size() >= 3; }, 60.0));
+            send(HOST_MSG_SENSOR_SWITCH, 1, 0, {1});  // sensing off closes the files after the pass
+            std::this_thread::sleep_for(std::chrono::milliseconds(500));
+        }
+        const std::vector<std::string> first = recordLines().at(0);
+        const auto stamp = static_cast<uint64_t>(std::llround(std::stod(first.at(21)) * 1000.0));
+
+        ImageReader reader(Common::FRONT, ImageReader::NONE, 640, 480);  // the same calibration
+        reader.enableRemap(true);
+        camsim::encodeFrameMessage(camsim::toSensorOrientation(Common::FRONT, upright[0]),
+                                   camsim::toSensorOrientation(Common::FRONT, upright[1]), stamp, stamp, 640, 480,
+                                   reader.frameBuffer);
+        reader.frameBuffer.resize(framelayout::kMessageBytes);
+        reader.processMessage(framelayout::kMessageBytes);
+        ImageReader::QueueData expected;
+        reader.getImageBlock(expected.left, expected.right, expected.leftTimestamp, expected.rightTimestamp);
+        std::vector<fs::path> runs;
+        for (const auto& entry : fs::directory_iterator(paths::resolve("/data/log/frontBino"))) {
+            if (entry.is_directory()) {
+                runs.push_back(entry.path());
+            }
+        }
+        ASSERT_EQ(runs.size(), 1u);
+        for (const auto& [side, image] :
+             {std::pair<std::string, cv::Mat>("left", expected.left), {"right", expected.right}}) {
+            const std::string recorded = testsupport::readFile(runs[0] / ("gray_480x640_" + side + ".yuv"));
+            ASSERT_GE(recorded.size(), image.total()) << side;
+            EXPECT_EQ(recorded.compare(0, image.total(), reinterpret_cast<const char*>(image.data), image.total()), 0)
+                << side;
+        }
     });
 }
 
