@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
 # The host tool's command line, without starting the module: help, refused
 # options and profiles with their exit status and reason, a library that
-# cannot be loaded. Usage: host_cli_test.sh HOST
+# cannot be loaded. Usage: host_cli_test.sh [EMULATOR ARGS...] HOST
 set -euo pipefail
-host="$1"
+host=("$@")
 scratch="$(mktemp -d /tmp/host-cli-test.XXXXXX)"
 trap 'rm -rf "$scratch"' EXIT
 cd "$scratch"
@@ -25,7 +25,7 @@ for case in "${cases[@]}"; do
   IFS='|' read -r status text args <<<"$case"
   got=0
   # shellcheck disable=SC2086
-  "$host" $args >out.txt 2>&1 || got=$?
+  "${host[@]}" $args >out.txt 2>&1 || got=$?
   if [ "$got" -ne "$status" ] || ! grep -qF -- "$text" out.txt; then
     echo "FAIL: host $args: exit $got (expected $status), output: $(cat out.txt)" >&2
     failures=$((failures + 1))
