@@ -4,8 +4,8 @@
 //     band saves (same matcher, same settings);
 //   BlockMatchBand / BlockMatchBandOneStripe: what the parallel stripes save
 //     against StereoBM's own single-stripe compute of the same band;
-//   BlockMatchBandAfterIdle / BlockMatchBand: the same compute after 30 ms
-//     asleep, as the pipeline runs it once a frame, against back to back;
+//   BlockMatchBand/.../30 / BlockMatchBand/.../0: the same compute after
+//     30 ms asleep, as the pipeline runs it once a frame, against back to back;
 //   UnitPair: the stereo unit substitute on one rotated pair;
 //   UnitVersusSgbm3Way: the substitute and OpenCV's fastest semi-global mode
 //     (StereoSGBM 64 px, 5x5, P1 = 8*25, P2 = 32*25, MODE_SGBM_3WAY) called
@@ -56,28 +56,20 @@ cv::Size sizeOf(const benchmark::State& state)
     return cv::Size(static_cast<int>(state.range(0)), static_cast<int>(state.range(1)));
 }
 
+// Arg 2: milliseconds asleep before each compute (not timed).
 void BlockMatchBand(benchmark::State& state)
 {
     SyntheticPair pair = syntheticPair(sizeOf(state));
     StereoMatcher matcher(Common::FRONT, StereoMatcher::BM, pair.left.size());
     matcher.setPitch(0.0f);
+    const std::chrono::milliseconds idle(state.range(2));
     cv::Mat disparity;
     for (auto _ : state) {
-        matcher.compute(pair.left, pair.right, disparity, 0);
-        benchmark::DoNotOptimize(disparity.data);
-    }
-}
-
-void BlockMatchBandAfterIdle(benchmark::State& state)
-{
-    SyntheticPair pair = syntheticPair(sizeOf(state));
-    StereoMatcher matcher(Common::FRONT, StereoMatcher::BM, pair.left.size());
-    matcher.setPitch(0.0f);
-    cv::Mat disparity;
-    for (auto _ : state) {
-        state.PauseTiming();
-        std::this_thread::sleep_for(std::chrono::milliseconds(30));
-        state.ResumeTiming();
+        if (idle.count() > 0) {
+            state.PauseTiming();
+            std::this_thread::sleep_for(idle);
+            state.ResumeTiming();
+        }
         matcher.compute(pair.left, pair.right, disparity, 0);
         benchmark::DoNotOptimize(disparity.data);
     }
@@ -240,8 +232,11 @@ void rotatedSizes(benchmark::internal::Benchmark* bench)
 
 }  // namespace
 
-BENCHMARK(BlockMatchBand)->Apply(rotatedSizes);
-BENCHMARK(BlockMatchBandAfterIdle)->Apply(rotatedSizes)->UseRealTime();
+BENCHMARK(BlockMatchBand)
+    ->ArgsProduct({{480}, {640}, {0, 30}})
+    ->ArgsProduct({{600}, {800}, {0, 30}})
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
 BENCHMARK(BlockMatchBandOneStripe)->Apply(rotatedSizes);
 BENCHMARK(BlockMatchWholeFrame)->Apply(rotatedSizes);
 BENCHMARK(UnitPair)->Apply(rotatedSizes);
