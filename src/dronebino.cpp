@@ -218,13 +218,11 @@ void DroneBino::brakeRun()
     server = std::make_unique<Server>(address, port);
     stages = std::make_unique<StageTrace>(Common::binoString(direction));
     sendBuffer.assign(2 * static_cast<size_t>(reader->getUsedSize().area()), 0);
-    cv::Mat left;
-    cv::Mat right;
     cv::Mat disparity;
     while (waitWhileSensingOff()) {
         // One bad frame must cost that frame only, never the pipeline.
         try {
-            runPass(left, right, disparity);
+            runPass(disparity);
         } catch (const std::exception& error) {
             BINO_ERROR("%s brakeRun: frame skipped: %s", logHeader.c_str(), error.what());
         } catch (...) {
@@ -236,7 +234,7 @@ void DroneBino::brakeRun()
     }
 }
 
-void DroneBino::runPass(cv::Mat& left, cv::Mat& right, cv::Mat& disparity)
+void DroneBino::runPass(cv::Mat& disparity)
 {
     if (!logger->isOpen()) {
         logger->open(brake->getLogHeader());
@@ -245,9 +243,7 @@ void DroneBino::runPass(cv::Mat& left, cv::Mat& right, cv::Mat& disparity)
     if (worker.stopping()) {
         return;
     }
-    const unsigned long long leftTimestamp = frame.leftTimestamp;
-    const unsigned long long rightTimestamp = frame.rightTimestamp;
-    stages->begin(leftTimestamp);
+    stages->begin(frame.leftTimestamp);
     const ImageReader::FrameTimes readerTimes = reader->takenFrameTimes();
     stages->set(StageTrace::POLLED, readerTimes.polledUs);
     stages->set(StageTrace::QUEUED, readerTimes.queuedUs);
@@ -270,26 +266,24 @@ void DroneBino::runPass(cv::Mat& left, cv::Mat& right, cv::Mat& disparity)
     frameReady->post();
     stages->mark(StageTrace::POSTED);
     frame.complete();
-    left = frame.left;
-    right = frame.right;
 
     brake->getTargetRegionFromBrake(cv::Vec3f(targetRegion[0], targetRegion[1], targetRegion[2]));
     std::vector<std::string> columns = brake->getLogline();
     // In double: a float loses the milliseconds of a clock that has run for days.
     char stamp[64];
-    std::snprintf(stamp, sizeof stamp, "%f", static_cast<double>(leftTimestamp) * 0.001);
+    std::snprintf(stamp, sizeof stamp, "%f", static_cast<double>(frame.leftTimestamp) * 0.001);
     columns.emplace_back(stamp);
-    std::snprintf(stamp, sizeof stamp, "%f", static_cast<double>(rightTimestamp) * 0.001);
+    std::snprintf(stamp, sizeof stamp, "%f", static_cast<double>(frame.rightTimestamp) * 0.001);
     columns.emplace_back(stamp);
     logger->writeLog(columns);
     const std::vector<cv::Point2f> area = brake->getFrountArea();
-    logger->writeImage(left, right, disparity, area);
+    logger->writeImage(frame.left, frame.right, disparity, area);
     stages->mark(StageTrace::RECORDED);
     brake->update();
     // Relaxed: the flag only saves work when nobody watches; the socket is
     // taken through the server's atomic shared_ptr, which orders the rest.
     if (server->isConnected.load(std::memory_order_relaxed)) {
-        sendToSever(*server, left, right, disparity, area, brake->getDistance());
+        sendToSever(*server, frame.left, frame.right, disparity, area, brake->getDistance());
     }
     stages->mark(StageTrace::STREAMED);
     stages->end();

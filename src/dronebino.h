@@ -118,8 +118,9 @@ private:
     /// Refuses settings the reader or the matcher cannot process; a pipeline
     /// on the stereo unit claims the unit's one image size.
     void checkSettings();
-    /// Steps of one frame, from getImageBlock to the debug stream.
-    void runPass(cv::Mat& left, cv::Mat& right, cv::Mat& disparity);
+    /// Steps of one frame, from taking it off the reader's queue to the
+    /// debug stream. `disparity` is the worker's, kept from frame to frame.
+    void runPass(cv::Mat& disparity);
     /// Closes the record file and sleeps in 5 ms steps while sensing is off;
     /// false once the worker is asked to stop.
     bool waitWhileSensingOff();
